@@ -1,0 +1,2 @@
+// Placeholder until the daemon lands.
+int main() { return 1; }

@@ -1,0 +1,15 @@
+// The index dispatcher and folder walker: one file or directory row
+// (IndexFile), whole trees (IndexFolder), and the recycle-bin test.
+#pragma once
+
+// IndexFile modes.
+enum IndexMode : int { kIndexAdd = 1, kIndexRemove = 2 };
+
+// IndexFolder operations and type bits.
+enum IndexOperation : int { kFolderAdd = 1, kFolderDelete = 2, kFolderReindexShares = 3, kFolderRefresh = 5 };
+enum IndexTypeBits : int { kIndexMediaDb = 1, kIndexPhotoDb = 2, kIndexMusicShareOnly = 4 };
+
+int IndexFile(const char* path, int mode);
+int IndexFolder(const char* path, int operation, int type);
+int SaveDirectoryInfo(const char* path);
+int IsInRecycleBin(const char* path);

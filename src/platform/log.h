@@ -1,0 +1,26 @@
+// The one logging entry point. Every message goes to syslog at LOG_ERR.
+//
+// Messages carry their own prefix as the system has always written it
+// ("%s (%d) ", and in the daemon also "%s(%d): " and "%s(%d) "); the macro
+// fills the first two conversions with this source file's base name and line:
+//
+//   ORVO_LOG("%s (%d) Failed to open directory %s ", path);
+//
+// Keep every message text exactly as it stands, misspellings included: other
+// tools on the appliance grep the log for them.
+#pragma once
+
+namespace orvo {
+
+// Sends one formatted message to syslog(LOG_ERR), or to the capture that a
+// test installed with SetLogCapture.
+void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Test seam: while a capture is set, Log appends each formatted message to it
+// instead of calling syslog. Pass nullptr to go back to syslog.
+using LogCapture = void (*)(const char* message, void* context);
+void SetLogCapture(LogCapture capture, void* context);
+
+}  // namespace orvo
+
+#define ORVO_LOG(format, ...) ::orvo::Log(format, __FILE_NAME__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)

@@ -1,0 +1,31 @@
+// System services the appliance's SDK library provides: configuration files,
+// pid files, the product banner, file tests and the thumbnail service.
+#pragma once
+
+#include <cstdint>
+
+// Reads `key` from a "key=value" file ('#' comments, optional double quotes
+// around the value, the last occurrence wins) into `out`, NUL-terminated and
+// never more than `outSize` bytes. Returns the value's length, or a negative
+// value when the file or the key is missing (then `out` is left untouched).
+// `flags` must be 0.
+int QLIBFileGetKeyValue(const char* file, const char* key, char* out, int outSize, int flags);
+
+// The decimal pid at the start of the file (trailing blanks and a newline are
+// allowed); 0 or negative when there is none.
+int QLIBReadPidFile(const char* path);
+
+// Prints the product banner (name, version, licence line) to standard output.
+void QLIBCopyright();
+
+// Non-zero when `path` is a regular file (links followed); stores its size in
+// *size when `size` is not null.
+int IsFileExist(const char* path, int64_t* size);
+
+// Non-zero when `path` is a directory (links followed).
+int IsDirExist(const char* path);
+
+// Asks the thumbnail service for thumbnails of `path`: appends "<level>:<path>\n"
+// to /var/spool/orvo_thumb_queue and signals the service when it runs.
+// Returns 0, or -1 when the request could not be queued.
+int QLIBSignalThumbCreate(const char* path, int level);

@@ -1,0 +1,27 @@
+// Collects what the code under test logs, instead of sending it to syslog.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace orvo::test {
+
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  const std::vector<std::string>& messages() const { return messages_; }
+  // True when some message contains `text`.
+  bool Contains(const std::string& text) const;
+  // How many messages contain `text`.
+  int Count(const std::string& text) const;
+  void Clear() { messages_.clear(); }
+
+ private:
+  std::vector<std::string> messages_;
+};
+
+}  // namespace orvo::test
