@@ -8,4 +8,3 @@ int MediaInfoDBDirSave(const char*) { return -1; }
 int MediaDBVacuum() { return -1; }
 int ORVOTruncateTable(const char*) { return -1; }
 time_t ORVOIndexModifyTimeGet(const char*) { return 0; }
-int ORVOIndexImgResGet(const char*, int*, int*) { return -1; }
