@@ -1,0 +1,107 @@
+// EXIF extraction: ten tags of the five IFDs, rendered by libexif.
+
+#include "meta/exif.h"
+
+#include <libexif/exif-data.h>
+#include <libexif/exif-loader.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "platform/log.h"
+
+namespace {
+
+struct LoaderUnref {
+  void operator()(ExifLoader* loader) const { exif_loader_unref(loader); }
+};
+struct DataUnref {
+  void operator()(ExifData* data) const { exif_data_unref(data); }
+};
+using ExifDataOwner = std::unique_ptr<ExifData, DataUnref>;
+
+// Rendered values reach 127 characters; the receiving fields are smaller,
+// so every copy is cut to its field and stays NUL-terminated.
+template <size_t N>
+void CopyField(char (&field)[N], const char* text) {
+  size_t length = strnlen(text, N - 1);
+  memcpy(field, text, length);
+  field[length] = '\0';
+}
+
+// Loads the EXIF block of the file; null when there is none or the file
+// cannot be read.
+ExifDataOwner LoadExif(const char* path) {
+  std::unique_ptr<ExifLoader, LoaderUnref> loader(exif_loader_new());
+  if (!loader) return nullptr;
+  exif_loader_write_file(loader.get(), path);
+  return ExifDataOwner(exif_loader_get_data(loader.get()));
+}
+
+bool IsWantedTag(ExifTag tag) {
+  switch (tag) {
+    case EXIF_TAG_MAKE:
+    case EXIF_TAG_MODEL:
+    case EXIF_TAG_DATE_TIME:
+    case EXIF_TAG_EXPOSURE_TIME:
+    case EXIF_TAG_FNUMBER:
+    case EXIF_TAG_ISO_SPEED_RATINGS:
+    case EXIF_TAG_DATE_TIME_ORIGINAL:
+    case EXIF_TAG_DATE_TIME_DIGITIZED:
+    case EXIF_TAG_PIXEL_X_DIMENSION:
+    case EXIF_TAG_PIXEL_Y_DIMENSION:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+int ReadExifInfo(PhotoInfo* info) {
+  if (info == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return -1;
+  }
+  char dateOriginal[32] = {};
+  char dateDigitized[32] = {};
+
+  ExifDataOwner data = LoadExif(info->path);
+  if (!data) return 0;
+
+  for (ExifContent* content : data->ifd) {
+    if (content == nullptr) continue;
+    for (unsigned int i = 0; i < content->count; ++i) {
+      ExifEntry* entry = content->entries[i];
+      if (entry == nullptr) continue;
+      if (IsWantedTag(entry->tag)) {
+        char value[128] = {};
+        exif_entry_get_value(entry, value, sizeof value);
+        switch (entry->tag) {
+          case EXIF_TAG_MAKE: CopyField(info->make, value); break;
+          case EXIF_TAG_MODEL: CopyField(info->model, value); break;
+          case EXIF_TAG_DATE_TIME: CopyField(info->takenDate, value); break;
+          case EXIF_TAG_EXPOSURE_TIME: CopyField(info->exposure, value); break;
+          case EXIF_TAG_FNUMBER: CopyField(info->aperture, value); break;
+          case EXIF_TAG_ISO_SPEED_RATINGS: info->iso = atoi(value); break;
+          case EXIF_TAG_DATE_TIME_ORIGINAL: CopyField(dateOriginal, value); break;
+          case EXIF_TAG_DATE_TIME_DIGITIZED: CopyField(dateDigitized, value); break;
+          case EXIF_TAG_PIXEL_X_DIMENSION: info->width = atoi(value); break;
+          case EXIF_TAG_PIXEL_Y_DIMENSION: info->height = atoi(value); break;
+          default:
+            ORVO_LOG("%s (%d) Impossible error occurred.");
+            return -1;
+        }
+      }
+      // Applied after every entry, not once at the end, so a DateTime that
+      // follows an original or digitised date in the walk never wins.
+      if (dateOriginal[0] != '\0') {
+        CopyField(info->takenDate, dateOriginal);
+      } else if (dateDigitized[0] != '\0') {
+        CopyField(info->takenDate, dateDigitized);
+      }
+    }
+  }
+  return 0;
+}
