@@ -1,5 +1,96 @@
-// Placeholder until this format lands: every call fails.
-#include "handlers/handlers.h"
+// The MP3 pair of the handler table: index an MP3 file into the music table,
+// remove it once the file is gone.
+#include <cstdio>
+#include <cstring>
 
-int IndexMp3(const char*) { return -1; }
-int RemoveMp3(const char*) { return -1; }
+#include "handlers/handlers.h"
+#include "meta/metaid3.h"
+#include "platform/log.h"
+#include "platform/media_db.h"
+#include "platform/system.h"
+
+namespace {
+
+// The file name without its last extension ("archive.tar.mp3" gives
+// "archive.tar"; ".mp3" gives an empty title).
+void WriteDefaultTitle(MediaInfo* rec) {
+  const char* slash = strrchr(rec->path, '/');
+  const char* base = slash != nullptr ? slash + 1 : rec->path;
+  const char* dot = strrchr(base, '.');
+  if (dot != nullptr) {
+    // A base name is at most 255 bytes, but the path need not be one we stat'ed.
+    size_t n = static_cast<size_t>(dot - base);
+    if (n > sizeof rec->title - 1) n = sizeof rec->title - 1;
+    memcpy(rec->title, base, n);
+  } else {
+    snprintf(rec->title, sizeof rec->title, "%.*s", static_cast<int>(sizeof rec->title - 1), base);
+  }
+}
+
+// The name of the file's parent folder; stays empty when the path has none.
+void WriteFolderAlbum(MediaInfo* rec) {
+  const char* path = rec->path;
+  const char* slash = strrchr(path, '/');
+  if (slash == nullptr || slash == path) return;
+  const char* p = slash - 1;
+  while (p > path && *p != '/') --p;
+  if (*p != '/') return;
+  snprintf(rec->album, sizeof rec->album, "%.*s", static_cast<int>(sizeof rec->album - 1), p + 1);
+  char* cut = strrchr(rec->album, '/');
+  if (cut == nullptr) {
+    // A folder name longer than the field: the '/' after it was cut off.
+    ORVO_LOG("%s (%d) Impossible error.");
+    return;
+  }
+  *cut = '\0';
+}
+
+}  // namespace
+
+int IndexMp3(const char* path) {
+  if (path == nullptr || path[0] == '\0') {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return -1;
+  }
+  int64_t size = 0;
+  if (IsFileExist(path, &size) == 0) return -1;
+
+  MediaInfo rec;
+  memset(&rec, 0, sizeof rec);
+  snprintf(rec.path, sizeof rec.path, "%.*s", static_cast<int>(sizeof rec.path - 1), path);
+  rec.filesize = size;
+  WriteDefaultTitle(&rec);
+
+  if (ReadMp3Info(rec.path, &rec) < 0) {
+    ORVO_LOG("%s (%d) Failed to parse music metadata.");
+    return -1;
+  }
+  rec.mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(rec.path));
+  MediaInfoValid(&rec);
+
+  if (rec.title[0] == '\0') {
+    memset(rec.title, 0, sizeof rec.title);
+    WriteDefaultTitle(&rec);
+  }
+  if (rec.album[0] == '\0') WriteFolderAlbum(&rec);
+
+  if (MediaInfoDBSave(kMediaMusic, &rec) != 0) {
+    ORVO_LOG("%s (%d) Failed to save media info to database.");
+    return -1;
+  }
+  return 0;
+}
+
+int RemoveMp3(const char* path) {
+  if (path == nullptr) return -1;
+  // A file that still exists is never removed from the database.
+  if (IsFileExist(path, nullptr) != 0) {
+    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
+    return -1;
+  }
+  if (MediaInfoDBDelete(kMediaMusic, path) != 0) {
+    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
+    return -1;
+  }
+  return 0;
+}

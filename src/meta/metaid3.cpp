@@ -1,0 +1,462 @@
+// MP3 metadata: ID3v1 and ID3v2 tags, the forward frame search, and the
+// driver that merges tags and the first frame into the media record.
+#include "meta/metaid3.h"
+
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "platform/log.h"
+
+const char* const kId3Genres[kId3GenreCount] = {
+    "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop", "Jazz",
+    "Metal", "New Age", "Oldies", "Other", "Pop", "R&B", "Rap", "Reggae", "Rock", "Techno",
+    "Industrial", "Alternative", "Ska", "Death Metal", "Pranks", "Soundtrack", "Euro-Techno",
+    "Ambient", "Trip-Hop", "Vocal", "Jazz+Funk", "Fusion", "Trance", "Classical", "Instrumental",
+    "Acid", "House", "Game", "Sound Clip", "Gospel", "Noise", "AlternRock", "Bass", "Soul", "Punk",
+    "Space", "Meditative", "Instrumental Pop", "Instrumental Rock", "Ethnic", "Gothic", "Darkwave",
+    "Techno-Industrial", "Electronic", "Pop-Folk", "Eurodance", "Dream", "Southern Rock", "Comedy",
+    "Cult", "Gangsta", "Top 40", "Christian Rap", "Pop/Funk", "Jungle", "Native American",
+    "Cabaret", "New Wave", "Psychadelic", "Rave", "Showtunes", "Trailer", "Lo-Fi", "Tribal",
+    "Acid Punk", "Acid Jazz", "Polka", "Retro", "Musical", "Rock & Roll", "Hard Rock", "Folk",
+    "Folk/Rock", "National Folk", "Swing", "Fast-Fusion", "Bebob", "Latin", "Revival", "Celtic",
+    "Bluegrass", "Avantgarde", "Gothic Rock", "Progressive Rock", "Psychedelic Rock",
+    "Symphonic Rock", "Slow Rock", "Big Band", "Chorus", "Easy Listening", "Acoustic", "Humour",
+    "Speech", "Chanson", "Opera", "Chamber Music", "Sonata", "Symphony", "Booty Bass", "Primus",
+    "Porn Groove", "Satire", "Slow Jam", "Club", "Tango", "Samba", "Folklore", "Ballad",
+    "Power Ballad", "Rhythmic Soul", "Freestyle", "Duet", "Punk Rock", "Drum Solo", "A capella",
+    "Euro-House", "Dance Hall", "Goa", "Drum & Bass", "Club House", "Hardcore", "Terror", "Indie",
+    "BritPop", "NegerPunk", "Polsk Punk", "Beat", "Christian Gangsta", "Heavy Metal",
+    "Black Metal", "Crossover", "Contemporary C", "Christian Rock", "Merengue", "Salsa",
+    "Thrash Metal", "Anime", "JPop", "SynthPop",
+};
+
+namespace {
+
+constexpr int kTextSize = 1024;
+// A text frame larger than this ends the tag walk: long comments and lyrics
+// are not worth reading, and nothing after them is read either.
+constexpr int64_t kMaxTextFrame = 1023;
+constexpr double kMaxDuration = 43200.0;
+
+// snprintf(dst, size, "%s", src) without its truncation warnings: truncating
+// to the field's width is what every copy here wants.
+void CopyText(char* dst, size_t size, const char* src) {
+  if (size == 0) return;
+  size_t n = strnlen(src, size - 1);
+  memcpy(dst, src, n);
+  dst[n] = '\0';
+}
+
+bool IsByteOrderMark(unsigned char a, unsigned char b) {
+  return (a == 0xFF && b == 0xFE) || (a == 0xFE && b == 0xFF);
+}
+
+// The text of one frame: the bytes after the encoding byte at `encoding_at`,
+// frame bytes 1 to size-1. A byte-order mark of encoding 1 is kept with the
+// text; encoding 2 (big-endian UTF-16 without one) gets FE FF put in front.
+struct FrameText {
+  char bytes[kTextSize + 2];  // two spare zero bytes keep every read terminated
+  bool utf16;
+};
+
+void ReadFrameText(ByteReader* reader, int64_t encoding_at, int64_t size, bool allow_encoding2,
+                   FrameText* text) {
+  memset(text, 0, sizeof *text);
+  int encoding = ReadByte(reader, encoding_at);
+  int w = 0;
+  if (encoding == 1) {
+    text->utf16 = IsByteOrderMark(ReadByte(reader, encoding_at + 1), ReadByte(reader, encoding_at + 2));
+  } else if (encoding == 2 && allow_encoding2) {
+    text->bytes[0] = static_cast<char>(0xFE);
+    text->bytes[1] = static_cast<char>(0xFF);
+    text->utf16 = true;
+    w = 2;
+  }
+  // Deliberate: the write position stops at the last byte, which later bytes
+  // overwrite; frames are at most 1023 bytes, so at most one byte is lost.
+  for (int64_t i = 1; i < size; ++i) {
+    text->bytes[w] = static_cast<char>(ReadByte(reader, encoding_at + i));
+    if (w < kTextSize - 1) ++w;
+  }
+}
+
+void StoreText(const FrameText& text, char* field, size_t size, int32_t* utf16_flag) {
+  if (text.utf16) {
+    CopyUtf16(text.bytes, field, size);
+    *utf16_flag = 1;
+  } else {
+    CopyText(field, size, text.bytes);
+  }
+}
+
+void StoreTrack(const FrameText& text, Id3v2Info* info) {
+  CopyText(info->track, sizeof info->track, text.bytes);
+  if (char* slash = strchr(info->track, '/')) *slash = '\0';
+}
+
+// Blank ID3v1 fields become empty; fields with content keep their blanks.
+void EmptyBlankField(char* field, int width) {
+  for (int i = 0; i < width; ++i) {
+    if (field[i] == ' ') continue;
+    if (field[i] == '\0') field[0] = '\0';
+    return;
+  }
+  field[0] = '\0';
+}
+
+// Copies an ID3v1 field of `width` bytes and trims it.
+void CopyId3v1Field(char* dst, const char* src, size_t width) {
+  strncpy(dst, src, width);
+  TrimSpaces(dst);
+}
+
+void MergeText(char* dst, size_t size, int32_t* dst_flag, const char* v2_text, int32_t v2_utf16) {
+  if (v2_utf16)
+    CopyUtf16(v2_text, dst, size);
+  else
+    CopyText(dst, size, v2_text);
+  *dst_flag = v2_utf16;
+}
+
+void MergeGenre(MediaInfo* rec, const Id3v1Tag* v1, const Id3v2Info* v2) {
+  if (v2->genre[0] != '\0') {
+    char genre[sizeof v2->genre + 1];
+    memcpy(genre, v2->genre, sizeof v2->genre);
+    genre[sizeof v2->genre] = '\0';
+    char* open = strchr(genre, '(');
+    char* close = strrchr(genre, ')');
+    if (open != nullptr && close != nullptr && close > open) {
+      // "(17)" and "(17)Rock" are genre numbers; "(RX)" is no genre at all.
+      *close = '\0';
+      char* end = nullptr;
+      long number = strtol(open + 1, &end, 10);
+      if (end != open + 1 && *end == '\0') {
+        if (number >= 0 && number < kId3GenreCount)
+          CopyText(rec->genre, sizeof rec->genre, kId3Genres[number]);
+        else
+          snprintf(rec->genre, sizeof rec->genre, "%ld", number);
+      }
+    } else {
+      MergeText(rec->genre, sizeof rec->genre, &rec->genre_is_utf16, v2->genre, v2->genre_utf16);
+    }
+  } else if (v1->genre >= 1 && v1->genre < kId3GenreCount) {
+    // Deliberate: entry 0 ("Blues") is never taken from an ID3v1 tag, where 0
+    // mostly means the field was never set.
+    CopyText(rec->genre, sizeof rec->genre, kId3Genres[v1->genre]);
+  }
+}
+
+// Padding runs of zero bytes between frames, remembered so that many
+// candidate headers whose frames end in one long run do not rescan it.
+struct ZeroRun {
+  int64_t from = -1;  // first zero byte
+  int64_t to = -1;    // one past the last zero byte
+};
+
+// The k of the confirmation: the number of zero bytes to skip after a frame
+// ending at `frame_end`. Deliberate: each test looks one byte past the
+// candidate position, frame_end + k + 1; confirmed offsets depend on it.
+int64_t CountPadding(ByteReader* reader, int64_t frame_end, ZeroRun* run) {
+  int64_t k = 0;
+  while (frame_end + k < reader->length) {
+    int64_t at = frame_end + k + 1;
+    if (at >= run->from && at < run->to) {
+      k = run->to - 1 - frame_end;
+      if (frame_end + k > reader->length) k = reader->length - frame_end;
+      continue;
+    }
+    if (ReadByte(reader, at) != 0) break;
+    ++k;
+  }
+  if (k > 0) {
+    int64_t from = frame_end + 1;
+    int64_t to = frame_end + k + 1;
+    if (to >= run->from && from <= run->to && run->from >= 0) {
+      run->from = from < run->from ? from : run->from;
+      run->to = to > run->to ? to : run->to;
+    } else {
+      run->from = from;
+      run->to = to;
+    }
+  }
+  return k;
+}
+
+// Finds the first frame header that the next frame (after any zero padding)
+// confirms. Returns 1 with *mpeg filled, 0 when there is none.
+int FindConfirmedFrame(ByteReader* reader, int64_t from, MpegInfo* mpeg) {
+  ZeroRun run;
+  int64_t offset = from;
+  while (offset < reader->length - 10) {
+    if (FindMpegHeader(reader, &offset, mpeg) == 0) {
+      ++offset;
+      continue;
+    }
+    int64_t found = offset;
+    int64_t k = CountPadding(reader, found + mpeg->frame_length, &run);
+    if (CheckMpegHeader(reader, mpeg->header_offset + mpeg->frame_length + k) == 0) return 1;
+    offset = found + 1;
+  }
+  return 0;
+}
+
+using FileHandle = std::unique_ptr<FILE, decltype(&fclose)>;
+
+}  // namespace
+
+void CopyUtf16(const char* src, char* dst, size_t size) {
+  memset(dst, 0, size);
+  if (size < 4) return;
+  if (!IsByteOrderMark(static_cast<unsigned char>(src[0]), static_cast<unsigned char>(src[1]))) return;
+  // Stop two bytes short so the text always ends in a 0x0000 pair.
+  for (size_t i = 0; i + 2 <= size - 2; i += 2) {
+    if (src[i] == '\0' && src[i + 1] == '\0') break;
+    dst[i] = src[i];
+    dst[i + 1] = src[i + 1];
+  }
+}
+
+void TrimSpaces(char* text) {
+  size_t lead = 0;
+  while (text[lead] == ' ') ++lead;
+  if (lead > 0) memmove(text, text + lead, strlen(text + lead) + 1);
+  size_t n = strlen(text);
+  while (n > 0 && text[n - 1] == ' ') text[--n] = '\0';
+}
+
+int ReadId3v1(ByteReader* reader, Id3v1Tag* tag) {
+  int64_t at = reader->length - 128;
+  if (ReadByte(reader, at) != 'T' || ReadByte(reader, at + 1) != 'A' || ReadByte(reader, at + 2) != 'G')
+    return 0;
+  int64_t got = ReadBytes(reader, at + 3, tag, sizeof *tag);
+  if (got < 0) {
+    ORVO_LOG("%s (%d) Failed to seek to (%lld)", static_cast<long long>(at + 3));
+    return -1;
+  }
+  if (got == 0) {
+    ORVO_LOG("%s (%d) Failed to read id3v1 data");
+    return -1;
+  }
+  // The frame scan and the duration leave the tag out.
+  reader->length -= 128;
+  EmptyBlankField(tag->title, sizeof tag->title);
+  EmptyBlankField(tag->artist, sizeof tag->artist);
+  EmptyBlankField(tag->album, sizeof tag->album);
+  EmptyBlankField(tag->year, sizeof tag->year);
+  EmptyBlankField(tag->comment, sizeof tag->comment);
+  return 1;
+}
+
+int64_t ProbeId3v2(ByteReader* reader, int* major_version) {
+  if (ReadByte(reader, 0) != 'I' || ReadByte(reader, 1) != 'D' || ReadByte(reader, 2) != '3') return 0;
+  *major_version = ReadByte(reader, 3);
+  // Flags are not read: extended headers, unsynchronisation and footers are
+  // not recognised.
+  return ReadSyncsafe32(reader, 6) + 10;
+}
+
+void ReadId3v2Frames(Id3v2Info* info, ByteReader* reader, int major_version) {
+  if (info == nullptr || reader == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameters.");
+    return;
+  }
+  memset(info, 0, sizeof *info);
+  int64_t total = ReadSyncsafe32(reader, 6) + 10;
+  FrameText text;
+  for (int64_t pos = 10; pos < total;) {
+    // Padding, garbage or an unreadable byte (17) ends the tag.
+    int first = ReadByte(reader, pos);
+    if (first < '0' || first > 'Z') break;
+    char id[5];
+    snprintf(id, sizeof id, "%c%c%c%c", first, ReadByte(reader, pos + 1), ReadByte(reader, pos + 2),
+             ReadByte(reader, pos + 3));
+    int64_t size = major_version == 3 ? static_cast<int64_t>(ReadPlain32(reader, pos + 4))
+                                      : ReadSyncsafe32(reader, pos + 4);
+    if (strncasecmp(id, "APIC", 4) != 0) {
+      if (size > kMaxTextFrame) break;
+      ReadFrameText(reader, pos + 10, size, true, &text);
+      if (size >= 2) {
+        if (strncasecmp(id, "TALB", 4) == 0)
+          StoreText(text, info->album, sizeof info->album, &info->album_utf16);
+        else if (strncasecmp(id, "TCON", 4) == 0)
+          StoreText(text, info->genre, sizeof info->genre, &info->genre_utf16);
+        else if (strncasecmp(id, "TYER", 4) == 0)
+          StoreText(text, info->year, sizeof info->year, &info->year_utf16);
+        else if (strncasecmp(id, "TPE1", 4) == 0)
+          StoreText(text, info->artist, sizeof info->artist, &info->artist_utf16);
+        else if (strncasecmp(id, "TIT2", 4) == 0)
+          StoreText(text, info->title, sizeof info->title, &info->title_utf16);
+        else if (strncasecmp(id, "TRCK", 4) == 0)
+          StoreTrack(text, info);
+      }
+    }
+    pos += size + 10;
+  }
+}
+
+void ReadId3v22Frames(Id3v2Info* info, ByteReader* reader) {
+  if (info == nullptr || reader == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameters.");
+    return;
+  }
+  memset(info, 0, sizeof *info);
+  int64_t total = ReadSyncsafe32(reader, 6) + 10;
+  FrameText text;
+  for (int64_t pos = 10; pos < total;) {
+    int first = ReadByte(reader, pos);
+    if (first < '0' || first > 'Z') break;
+    char id[4];
+    snprintf(id, sizeof id, "%c%c%c", first, ReadByte(reader, pos + 1), ReadByte(reader, pos + 2));
+    // Deliberate: the three size bytes are or-ed, not shifted, so a frame of
+    // 256 bytes or more gets a wrong size and the large-frame stop is never
+    // reached. Stored records of such files depend on it.
+    int64_t size = (ReadByte(reader, pos + 3) | ReadByte(reader, pos + 4) | ReadByte(reader, pos + 5)) & 0xFF;
+    if (strncasecmp(id, "PIC", 3) != 0) {
+      if (size > kMaxTextFrame) break;
+      ReadFrameText(reader, pos + 6, size, false, &text);
+      if (size >= 2) {
+        if (strncasecmp(id, "TAL", 3) == 0)
+          StoreText(text, info->album, sizeof info->album, &info->album_utf16);
+        else if (strncasecmp(id, "TCO", 3) == 0)
+          StoreText(text, info->genre, sizeof info->genre, &info->genre_utf16);
+        else if (strncasecmp(id, "TYE", 3) == 0)
+          StoreText(text, info->year, sizeof info->year, &info->year_utf16);
+        else if (strncasecmp(id, "TP1", 3) == 0)
+          StoreText(text, info->artist, sizeof info->artist, &info->artist_utf16);
+        else if (strncasecmp(id, "TT2", 3) == 0)
+          StoreText(text, info->title, sizeof info->title, &info->title_utf16);
+        else if (strncasecmp(id, "TRK", 3) == 0)
+          StoreTrack(text, info);
+      }
+    }
+    pos += size + 6;
+  }
+}
+
+int FindMpegHeader(ByteReader* reader, int64_t* offset, MpegInfo* info) {
+  if (reader == nullptr || offset == nullptr || info == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return 0;
+  }
+  int64_t limit = reader->length - 10;
+  while (*offset < limit) {
+    if (ReadByte(reader, *offset) == 0xFF && (ReadByte(reader, *offset + 1) & 0xE0) == 0xE0) break;
+    ++*offset;
+  }
+  if (*offset >= limit) {
+    ORVO_LOG("%s (%d) MPEG Header not found");
+    return 0;
+  }
+  return DecodeMpegHeader(reader, *offset, info);
+}
+
+void MergeMp3Info(MediaInfo* rec, const MpegInfo* mpeg, const Id3v1Tag* v1, const Id3v2Info* v2) {
+  if (rec == nullptr || mpeg == nullptr || v1 == nullptr || v2 == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return;
+  }
+  // Twelve hours is the deliberate upper bound of a believable MP3.
+  if (mpeg->duration > 0.0 && mpeg->duration < kMaxDuration) rec->duration = static_cast<float>(mpeg->duration);
+  rec->bitrate = mpeg->bitrate_kbps > 0 ? mpeg->bitrate_kbps * 1000 : 0;
+  rec->frequency = mpeg->sample_rate;
+  // Deliberate: MP3 records carry the channel-mode code (3 = single channel),
+  // not a channel count; the media applications read it that way.
+  rec->channels = mpeg->channel_mode;
+
+  if (v2->title[0] != '\0') {
+    memset(rec->title, 0, sizeof rec->title);
+    MergeText(rec->title, sizeof rec->title, &rec->title_is_utf16, v2->title, v2->title_utf16);
+  } else if (v1->title[0] != '\0') {
+    memset(rec->title, 0, sizeof rec->title);
+    CopyId3v1Field(rec->title, v1->title, sizeof v1->title);
+  }
+  if (v2->artist[0] != '\0')
+    MergeText(rec->artist, sizeof rec->artist, &rec->artist_is_utf16, v2->artist, v2->artist_utf16);
+  else if (v1->artist[0] != '\0')
+    CopyId3v1Field(rec->artist, v1->artist, sizeof v1->artist);
+  if (v2->album[0] != '\0')
+    MergeText(rec->album, sizeof rec->album, &rec->album_is_utf16, v2->album, v2->album_utf16);
+  else if (v1->album[0] != '\0')
+    CopyId3v1Field(rec->album, v1->album, sizeof v1->album);
+  if (v2->year[0] != '\0')
+    MergeText(rec->year, sizeof rec->year, &rec->year_is_utf16, v2->year, v2->year_utf16);
+  else if (v1->year[0] != '\0')
+    memcpy(rec->year, v1->year, strnlen(v1->year, sizeof v1->year));  // deliberately not trimmed
+
+  MergeGenre(rec, v1, v2);
+
+  if (v2->track[0] != '\0') {
+    rec->track = atoi(v2->track);
+  } else {
+    unsigned char track = static_cast<unsigned char>(v1->comment[29]);
+    if (track != 0 && track != ' ' && v1->comment[28] == '\0') rec->track = track;  // ID3v1.1
+  }
+}
+
+int ReadMp3InfoFromReader(ByteReader* reader, const char* name, MediaInfo* rec) {
+  if (reader == nullptr || name == nullptr || rec == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameters.");
+    return -1;
+  }
+  Id3v2Info v2 = {};
+  Id3v1Tag v1 = {};
+  MpegInfo mpeg = {};
+
+  if (ReadId3v1(reader, &v1) == -1) ORVO_LOG("%s (%d) Failed to parse ID3V1.");
+
+  int version = 0;
+  int64_t tag_length = ProbeId3v2(reader, &version);
+  if (tag_length > 0) {
+    if (version > 2)
+      ReadId3v2Frames(&v2, reader, version);
+    else if (version == 2)
+      ReadId3v22Frames(&v2, reader);
+  }
+
+  // The search starts after the ID3v2 tag, so a sync inside a picture is never reached.
+  if (FindConfirmedFrame(reader, tag_length, &mpeg) == 0) {
+    ORVO_LOG("%s (%d) Can't find valid mpeg header: %s", name);
+    return -1;
+  }
+  if (ReadXingHeader(reader, tag_length, &mpeg) == -1) ReadVbriHeader(reader, tag_length, &mpeg);
+
+  MergeMp3Info(rec, &mpeg, &v1, &v2);
+  return 0;
+}
+
+int ReadMp3Info(const char* path, MediaInfo* rec) {
+  if (path == nullptr || rec == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameters.");
+    return -1;
+  }
+  FileHandle file(fopen(path, "rb"), &fclose);
+  if (!file) {
+    ORVO_LOG("%s (%d) Unable to open %s ", path);
+    return -1;
+  }
+  // The reader's own buffer does the read-ahead; a second one in stdio would
+  // only copy the bytes again.
+  setvbuf(file.get(), nullptr, _IONBF, 0);
+  if (fseeko(file.get(), 0, SEEK_END) != 0) {
+    ORVO_LOG("%s (%d) Unable to seek to end %s ", path);
+    return -1;
+  }
+  int64_t length = ftello(file.get());
+  if (length == -1) {
+    ORVO_LOG("%s (%d) Seeking to end of input file %s failed.", path);
+    return -1;
+  }
+  ByteReader reader;  // the buffer needs no zeroing: nothing is cached yet
+  ByteReaderAttachFile(&reader, file.get(), length);
+  return ReadMp3InfoFromReader(&reader, path, rec);
+}
+
+int ReadMp3InfoFromMemory(const void* data, size_t size, MediaInfo* rec) {
+  ByteReader reader;
+  ByteReaderAttachMemory(&reader, data, size);
+  return ReadMp3InfoFromReader(&reader, "(memory)", rec);
+}

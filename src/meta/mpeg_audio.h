@@ -1,0 +1,60 @@
+// MPEG audio frame scanner: finds the first believable MPEG-1/MPEG-2 audio
+// frame header in a ByteReader, decodes it, and estimates the play time from
+// the length and the first frame's bit rate, or from a Xing or VBRI header.
+// MPEG-2.5 (8, 11.025, 12 kHz) and free-format streams are never accepted.
+#pragma once
+
+#include <cstdint>
+
+#include "meta/byte_reader.h"
+
+// One decoded frame header. Zeroed by the caller before the first search.
+struct MpegInfo {
+  int32_t version;          // 1 MPEG-1, 2 MPEG-2, 3 MPEG-2.5
+  int32_t layer;            // 1, 2 or 3 (-1 when the layer bits are 00)
+  int32_t is_protected;     // 1 when a CRC follows the header
+  int32_t bitrate_kbps;
+  float bytes_per_second;   // bitrate_kbps * 1000 / 8
+  int32_t sample_rate;      // Hz
+  int32_t channel_mode;     // 0 stereo, 1 joint stereo, 2 dual channel, 3 single channel
+  int32_t padding;
+  int32_t mode_extension;   // only for joint stereo, else -1
+  int32_t emphasis;
+  int32_t rights_flag;
+  int32_t original;
+  double duration;          // seconds
+  int32_t frame_length;     // bytes of this frame, header included
+  int64_t header_offset;    // source offset of the header
+};
+static_assert(sizeof(MpegInfo) == 72);
+
+// Searches forward from *offset, one byte at a time while *offset is below
+// the reader's length minus 10, for a frame sync; moves *offset to it and
+// decodes the header there into *info. Returns 1 when the header was valid,
+// 0 when it was rejected (the caller steps on by one byte) or when no sync
+// was found before the end ("MPEG Header not found" is logged).
+// Defined in metaid3.cpp: its messages belong to that module.
+int FindMpegHeader(ByteReader* reader, int64_t* offset, MpegInfo* info);
+
+// Decodes the frame header at `offset` into *info: header_offset, the header
+// fields, frame_length and the first duration estimate (reader length /
+// bit rate). Returns 1 when a frame sync stands there and the header is
+// valid, 0 otherwise (*info may then be partly written).
+int DecodeMpegHeader(ByteReader* reader, int64_t offset, MpegInfo* info);
+
+// 0 when a valid frame header stands at `offset`, -1 otherwise. Decodes into
+// a scratch block of its own and changes nothing but the reader's buffer.
+int CheckMpegHeader(ByteReader* reader, int64_t offset);
+
+// Looks for a "Xing" header with a frame count between `start` (the ID3v2
+// tag length) and min(start + 20000, length / 4). Returns -1 when there is
+// none or *info lacks version, layer, bit rate or sample rate; else 0, with
+// info->duration replaced when the frame count gives a believable time.
+// Only the "Xing" form is looked for, by design ("Info" is not).
+int ReadXingHeader(ByteReader* reader, int64_t start, MpegInfo* info);
+
+// The same for a "VBRI" header (frame count 14 bytes after its start).
+int ReadVbriHeader(ByteReader* reader, int64_t start, MpegInfo* info);
+
+// Samples per frame for a decoded header; 0 when version or layer is unknown.
+int MpegSamplesPerFrame(const MpegInfo* info);
