@@ -1,2 +1,4 @@
-// Placeholder until the daemon lands.
-int main() { return 1; }
+// orvoindexd: keeps the media and photo databases in step with the shares.
+#include "daemon/daemon.h"
+
+int main(int argc, char** argv) { return RunDaemon(argc, argv); }

@@ -1,7 +1,194 @@
-// Placeholder until the dispatcher lands.
 #include "index/index.h"
 
-int IndexFile(const char*, int) { return -1; }
-int IndexFolder(const char*, int, int) { return 0; }
-int SaveDirectoryInfo(const char*) { return -1; }
-int IsInRecycleBin(const char*) { return 0; }
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "daemon/flags.h"
+#include "daemon/queue.h"
+#include "index/handler_table.h"
+#include "photo/photo_index.h"
+#include "platform/log.h"
+#include "platform/media_db.h"
+#include "platform/photo_db.h"
+#include "platform/system.h"
+
+namespace {
+
+constexpr size_t kPathSize = 4096;
+
+const char* const kShareLinks[] = {"/var/services/music", "/var/services/video",
+                                   "/var/services/photo"};
+
+struct DirCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+using DirPtr = std::unique_ptr<DIR, DirCloser>;
+
+// One directory on the current walk path, from the walk's root down.
+struct WalkFrame {
+  dev_t device;
+  ino_t inode;
+  const WalkFrame* parent;
+};
+
+bool OnWalkPath(const WalkFrame* frame, dev_t device, ino_t inode) {
+  for (; frame != nullptr; frame = frame->parent) {
+    if (frame->device == device && frame->inode == inode) return true;
+  }
+  return false;
+}
+
+// The file steps of IndexFile once the path is known not to be a directory.
+int IndexNonDirectory(const char* path, int mode) {
+  const MediaHandlerRow* row = FindMediaHandler(path);
+  if (row == nullptr) return -1;
+  if (mode == kIndexAdd) {
+    const char* slash = strrchr(path, '/');
+    if (slash == nullptr) return 0;
+    // "._name" files are the resource-fork companions some clients write
+    // beside each file; they are never media.
+    if (slash[1] == '.' && slash[2] == '_') return 0;
+    row->index(path);
+    return 0;
+  }
+  row->remove(path);
+  return 0;
+}
+
+void IndexWalkedFile(const char* file, int operation, int type, bool knownRegular) {
+  if (type & kIndexMediaDb) {
+    if (knownRegular && (operation == kIndexAdd || operation == kIndexRemove)) {
+      IndexNonDirectory(file, operation);
+    } else {
+      IndexFile(file, operation);
+    }
+  }
+  if ((type & kIndexPhotoDb) && gSupportPhoto == 1 && IsPhotoSharePath(file) == 1) {
+    ORVOPhotoIndexUpdate(file, operation);
+  }
+}
+
+void WalkFolder(const char* path, int operation, int type, const WalkFrame* parent);
+
+// One directory entry of a walk. The entry type from readdir saves the two
+// path lookups for plain files and folders; links and unknown types go
+// through the platform's tests, which follow links.
+void WalkEntry(const char* child, unsigned char entryType, int operation, int type,
+               const WalkFrame* frame) {
+  if (entryType == DT_DIR) {
+    WalkFolder(child, operation, type, frame);
+  } else if (entryType == DT_REG) {
+    IndexWalkedFile(child, operation, type, true);
+  } else if (IsDirExist(child)) {
+    WalkFolder(child, operation, type, frame);
+  } else if (IsFileExist(child, nullptr)) {
+    IndexWalkedFile(child, operation, type, false);
+  }
+}
+
+void WalkFolder(const char* path, int operation, int type, const WalkFrame* parent) {
+  if (IsInRecycleBin(path)) return;
+  DirPtr dir(opendir(path));
+  if (!dir) {
+    ORVO_LOG("%s (%d) Failed to open directory %s ", path);
+    return;
+  }
+  // The platform follows symbolic links, so a link pointing up the tree (or a
+  // path cut short at 4095 bytes that names its own parent) would make the
+  // walk loop for ever and fill the database. A directory already on the
+  // current walk path is therefore not entered again.
+  struct stat st;
+  if (fstat(dirfd(dir.get()), &st) != 0 || OnWalkPath(parent, st.st_dev, st.st_ino)) return;
+  const WalkFrame frame{st.st_dev, st.st_ino, parent};
+
+  if (type & kIndexMediaDb) IndexFile(path, operation);
+
+  // On the heap: a deep tree would otherwise need 4 KiB of stack per level.
+  auto child = std::make_unique<char[]>(kPathSize);
+  memset(child.get(), 0, kPathSize);
+  while (const dirent* entry = readdir(dir.get())) {
+    const char* name = entry->d_name;
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0 || strcmp(name, "@eaDir") == 0) continue;
+    snprintf(child.get(), kPathSize, "%s/%s", path, name);
+    WalkEntry(child.get(), entry->d_type, operation, type, &frame);
+  }
+}
+
+// Empties a share and indexes it again from its real directory.
+void ReindexShare(const char* link) {
+  char target[kPathSize];
+  memset(target, 0, sizeof target);
+  // One byte short of the buffer so the target always stays NUL-terminated.
+  if (readlink(link, target, sizeof target - 1) == -1) return;
+  MediaInfoDBDelete(5, target);
+  IndexFolder(target, kFolderAdd, kIndexMediaDb);
+}
+
+}  // namespace
+
+int IndexFile(const char* path, int mode) {
+  if (path == nullptr || (mode != kIndexAdd && mode != kIndexRemove)) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return -1;
+  }
+  if (IsDirExist(path)) {
+    // A folder's rows are removed only by IndexFolder's delete.
+    if (mode == kIndexAdd) SaveDirectoryInfo(path);
+    return 0;
+  }
+  return IndexNonDirectory(path, mode);
+}
+
+int IndexFolder(const char* path, int operation, int type) {
+  if (path == nullptr && operation != kFolderReindexShares) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return 0;
+  }
+  switch (operation) {
+    case kFolderDelete:
+      if (type & kIndexMediaDb) MediaInfoDBDelete(5, path);
+      if ((type & kIndexPhotoDb) && IsPhotoSharePath(path) == 1 && gSupportPhoto == 1) {
+        PhotoInfoDBDirDelete(path);
+      }
+      return 0;
+    case kFolderAdd:
+    case kFolderRefresh:
+      if (IsDirExist(path)) {
+        WalkFolder(path, operation, type, nullptr);
+      } else if (IsFileExist(path, nullptr)) {
+        IndexWalkedFile(path, operation, type, false);
+      }
+      return 0;
+    case kFolderReindexShares:
+      if (type != kIndexMediaDb && type != kIndexMusicShareOnly) {
+        ORVO_LOG("%s (%d) index type must be ORVOINDEX_MEDIA");
+        return 0;
+      }
+      ReindexShare(kShareLinks[0]);
+      if (type == kIndexMediaDb) {
+        ReindexShare(kShareLinks[1]);
+        ReindexShare(kShareLinks[2]);
+      }
+      return 0;
+    default:
+      ORVO_LOG("%s (%d) Bad parameter.");
+      return 0;
+  }
+}
+
+int IsInRecycleBin(const char* path) {
+  if (path == nullptr) return 0;
+  // The third '/' starts the component below the share: /volume1/share/#recycle.
+  const char* rest = path;
+  for (int slashes = 0; slashes < 3; ++slashes) {
+    rest = strchr(slashes == 0 ? rest : rest + 1, '/');
+    if (rest == nullptr) return 0;
+  }
+  if (strncmp(rest + 1, "#recycle", 8) != 0) return 0;
+  return rest[9] == '\0' || rest[9] == '/' ? 1 : 0;
+}
