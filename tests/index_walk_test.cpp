@@ -1,0 +1,196 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+
+#include "index/index.h"
+#include "platform/orvodb.h"
+#include "support/log_capture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(RecycleBin, OnlyAtTheTopOfAShare) {
+  EXPECT_EQ(IsInRecycleBin("/volume1/music/#recycle"), 1);
+  EXPECT_EQ(IsInRecycleBin("/volume1/music/#recycle/a/b.mp3"), 1);
+  EXPECT_EQ(IsInRecycleBin("/volume1/music/#recycle2"), 0);
+  EXPECT_EQ(IsInRecycleBin("/volume1/music/#recyclebin/x"), 0);
+  EXPECT_EQ(IsInRecycleBin("/volume1/music/a/#recycle"), 0);
+  EXPECT_EQ(IsInRecycleBin("/volume1/#recycle"), 0);
+  EXPECT_EQ(IsInRecycleBin("/volume1/music"), 0);
+  EXPECT_EQ(IsInRecycleBin("/volume1/music/"), 0);
+  EXPECT_EQ(IsInRecycleBin(nullptr), 0);
+}
+
+TEST(IndexArguments, BadArgumentsAreLoggedAndRefused) {
+  orvo::test::LogCapture log;
+  EXPECT_EQ(IndexFile(nullptr, 1), -1);
+  EXPECT_EQ(IndexFile("/volume1/music/a.mp3", 3), -1);
+  EXPECT_EQ(log.Count("index.cpp ("), 2);
+  EXPECT_EQ(log.Count(") Bad parameter."), 2);
+  log.Clear();
+  EXPECT_EQ(IndexFolder(nullptr, 1, 1), 0);
+  EXPECT_EQ(IndexFolder("/x", 4, 1), 0);
+  EXPECT_EQ(log.Count("Bad parameter."), 2);
+  log.Clear();
+  EXPECT_EQ(IndexFolder(nullptr, 3, 2), 0);
+  EXPECT_TRUE(log.Contains("index type must be ORVOINDEX_MEDIA"));
+}
+
+TEST(IndexArguments, UnknownTypesAreRefusedSilently) {
+  orvo::test::LogCapture log;
+  EXPECT_EQ(IndexFile("/nonexistent/clip.mkv", 1), -1);
+  EXPECT_EQ(IndexFile("/nonexistent/noextension", 2), -1);
+  EXPECT_TRUE(log.messages().empty());
+}
+
+// A share laid out in /tmp/<name>, two components deep like /volume1/<share>,
+// indexed into a fresh SQLite media database.
+class IndexWalk : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    share_ = "/tmp/orvo_walk_" + std::to_string(getpid());
+    fs::remove_all(share_);
+    fs::create_directories(share_);
+    db_ = share_ + ".db";
+    fs::remove(db_);
+    ORVODBCloseAll();
+    setenv("ORVO_MEDIA_DB", ("sqlite:" + db_).c_str(), 1);
+    setenv("ORVO_PHOTO_DB", ("sqlite:" + db_ + ".photo").c_str(), 1);
+  }
+  void TearDown() override {
+    ORVODBCloseAll();
+    fs::remove_all(share_);
+    for (const char* suffix : {"", "-wal", "-shm", ".photo", ".photo-wal", ".photo-shm"})
+      fs::remove(db_ + suffix);
+  }
+
+  void Dir(const std::string& relative) { fs::create_directories(share_ + "/" + relative); }
+
+  // Paths of a media table, relative to the share ("." for the share itself).
+  std::set<std::string> Rows(const char* table) {
+    ORVODBFlush();
+    std::set<std::string> rows;
+    ORVODB* db = OrvoDBConnect(OrvoDatabase::kMedia);
+    if (db == nullptr) return {"<no database>"};
+    ORVODBResult* result = nullptr;
+    const std::string sql = std::string("select path from ") + table;
+    if (ORVODBExecute(db, sql.c_str(), &result) < 0) return {"<query failed>"};
+    ORVODBRow row;
+    while (ORVODBFetchRow(result, &row) == 0) {
+      std::string path = ORVODBFetchField(result, row, "path");
+      rows.insert(path == share_ ? "." : path.substr(share_.size() + 1));
+    }
+    ORVODBFreeResult(result);
+    return rows;
+  }
+
+  std::string share_;
+  std::string db_;
+};
+
+TEST_F(IndexWalk, DirectoryRowsSkipRecycleBinAndThumbnailFolders) {
+  for (const char* d : {"a/#recycle/deep", "a/@eaDir/x", "#recycle/old", "b/c/@eaDir", ".hidden"})
+    Dir(d);
+  IndexFolder(share_.c_str(), kFolderAdd, kIndexMediaDb);
+  EXPECT_EQ(Rows("directory"),
+            (std::set<std::string>{".", "a", "a/#recycle", "a/#recycle/deep", "b", "b/c", ".hidden"}));
+}
+
+TEST_F(IndexWalk, TreeDeleteRemovesOnlyThatTree) {
+  for (const char* d : {"a/x", "ab", "b"}) Dir(d);
+  IndexFolder(share_.c_str(), kFolderAdd, kIndexMediaDb);
+  IndexFolder((share_ + "/a").c_str(), kFolderDelete, kIndexMediaDb);
+  // "ab" shares the prefix "a" but is not below it.
+  EXPECT_EQ(Rows("directory"), (std::set<std::string>{".", "ab", "b"}));
+}
+
+TEST_F(IndexWalk, DirectoryModeOnlyAddsItsRow) {
+  Dir("a");
+  const std::string a = share_ + "/a";
+  EXPECT_EQ(IndexFile(a.c_str(), kIndexRemove), 0);
+  EXPECT_TRUE(Rows("directory").empty());
+  EXPECT_EQ(IndexFile(a.c_str(), kIndexAdd), 0);
+  EXPECT_EQ(Rows("directory"), std::set<std::string>{"a"});
+  EXPECT_EQ(IndexFile(a.c_str(), kIndexRemove), 0);
+  EXPECT_EQ(Rows("directory"), std::set<std::string>{"a"});
+}
+
+TEST_F(IndexWalk, LinkLoopEndsTheWalk) {
+  Dir("a/b");
+  fs::create_directory_symlink(share_, share_ + "/a/b/up");
+  fs::create_directory_symlink(share_ + "/a", share_ + "/a/self");
+  fs::create_symlink(share_ + "/missing", share_ + "/dangling");
+  IndexFolder(share_.c_str(), kFolderAdd, kIndexMediaDb);
+  EXPECT_EQ(Rows("directory"), (std::set<std::string>{".", "a", "a/b"}));
+}
+
+// A child path cut short at the 4096-byte buffer can name its own parent;
+// the walk must neither loop nor overrun.
+TEST_F(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
+  std::string path = share_;
+  int fd = open(share_.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_GE(fd, 0);
+  while (path.size() < 4095) {
+    const size_t room = 4095 - path.size() - 1;
+    const std::string name(std::min<size_t>(room, 200), 'd');
+    if (name.empty()) break;
+    ASSERT_EQ(mkdirat(fd, name.c_str(), 0755), 0);
+    const int next = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
+    close(fd);
+    fd = next;
+    ASSERT_GE(fd, 0);
+    path += "/" + name;
+  }
+  ASSERT_EQ(path.size(), 4095u);
+  ASSERT_EQ(mkdirat(fd, "below", 0755), 0);
+  ASSERT_EQ(mkdirat(fd, "x.mp3", 0755), 0);
+  close(fd);
+
+  orvo::test::LogCapture log;
+  IndexFolder(share_.c_str(), kFolderAdd, kIndexMediaDb);
+  const auto rows = Rows("directory");
+  EXPECT_TRUE(rows.count(path.substr(share_.size() + 1)));
+  EXPECT_LT(rows.size(), 40u);
+}
+
+class IndexMp3Files : public IndexWalk {
+ protected:
+  // A one-second MP3 made by ffmpeg; false when ffmpeg is missing.
+  bool MakeMp3(const std::string& relative) {
+    const std::string cmd = "ffmpeg -loglevel error -y -f lavfi -i sine=duration=1 -q:a 9 '" + share_ +
+                            "/" + relative + "' </dev/null";
+    return system(cmd.c_str()) == 0;
+  }
+};
+
+TEST_F(IndexMp3Files, CompanionFilesAreNotIndexed) {
+  Dir("m");
+  if (!MakeMp3("m/song.mp3")) GTEST_SKIP() << "ffmpeg cannot make an MP3 here";
+  fs::copy_file(share_ + "/m/song.mp3", share_ + "/m/._song.mp3");
+  EXPECT_EQ(IndexFile((share_ + "/m/._song.mp3").c_str(), kIndexAdd), 0);
+  EXPECT_TRUE(Rows("music").empty());
+  IndexFolder((share_ + "/m").c_str(), kFolderAdd, kIndexMediaDb);
+  EXPECT_EQ(Rows("music"), std::set<std::string>{"m/song.mp3"});
+}
+
+TEST_F(IndexMp3Files, RemoveModeDropsTheRow) {
+  Dir("m");
+  if (!MakeMp3("m/song.mp3")) GTEST_SKIP() << "ffmpeg cannot make an MP3 here";
+  const std::string song = share_ + "/m/song.mp3";
+  IndexFile(song.c_str(), kIndexAdd);
+  ASSERT_EQ(Rows("music"), std::set<std::string>{"m/song.mp3"});
+  fs::remove(song);
+  EXPECT_EQ(IndexFile(song.c_str(), kIndexRemove), 0);
+  EXPECT_TRUE(Rows("music").empty());
+}
+
+}  // namespace
