@@ -10,6 +10,8 @@ void ByteReaderAttachFile(ByteReader* reader, FILE* file, int64_t length) {
   reader->memory_size = 0;
   reader->start = 0;
   reader->end = 0;
+  reader->source_ended = 0;
+  reader->source_end = 0;
 }
 
 void ByteReaderAttachMemory(ByteReader* reader, const void* data, size_t size) {
@@ -19,6 +21,8 @@ void ByteReaderAttachMemory(ByteReader* reader, const void* data, size_t size) {
   reader->length = static_cast<int64_t>(size);
   reader->start = 0;
   reader->end = 0;
+  reader->source_ended = 0;
+  reader->source_end = 0;
 }
 
 // Positions the source at `offset` and reads up to `count` bytes into `out`.
@@ -39,8 +43,13 @@ static int64_t ReadSource(ByteReader* reader, int64_t offset, unsigned char* out
 
 int64_t ByteReaderFill(ByteReader* reader, int64_t offset) {
   if (offset < 0) return -1;
+  if (reader->source_ended && offset >= reader->source_end) return 0;
   int64_t n = ReadSource(reader, offset, reader->buffer, sizeof reader->buffer);
   if (n < 0) return -1;
+  if (n < kByteReaderBufferSize) {
+    reader->source_ended = 1;
+    reader->source_end = offset + n;
+  }
   reader->start = offset;
   reader->end = offset + n;
   return n;

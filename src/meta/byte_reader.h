@@ -28,6 +28,11 @@ struct ByteReader {
   // The source when reading memory (file is then null); must outlive the reader.
   const unsigned char* memory;
   int64_t memory_size;
+  // Set once a refill came up short: nothing lies at or after source_end,
+  // so a scan past the end (a file that shrank after its length was taken)
+  // costs no further reads.
+  int32_t source_ended;
+  int64_t source_end;
 };
 
 // Points a zeroed reader at an open file whose length the caller has taken.
@@ -44,7 +49,8 @@ inline bool ByteReaderCached(const ByteReader* reader, int64_t offset) {
 // Refills the buffer from `offset`: up to 16384 bytes, start = offset,
 // end = offset + count. Returns the count (0 at the end of the source), or
 // -1 when the source cannot be positioned there (the buffer is then
-// unchanged). For readers that log their own failures around a refill.
+// unchanged). Past a known end it returns 0 without reading and keeps the
+// buffer. For readers that log their own failures around a refill.
 int64_t ByteReaderFill(ByteReader* reader, int64_t offset);
 
 // The byte at `offset` (0..255), or kUnreadableByte when it cannot be read.
