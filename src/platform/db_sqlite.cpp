@@ -1,0 +1,275 @@
+// The embedded backend. Statements are written in the PostgreSQL dialect, so
+// this file makes SQLite answer them the same way: like() with PostgreSQL's
+// rules, and boolean columns read back as "t"/"f" (db_schema.cpp stores them
+// as 1/0).
+#include <sqlite3.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "platform/db_backend.h"
+
+namespace {
+
+struct StatementDeleter {
+  void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
+};
+using StatementPtr = std::unique_ptr<sqlite3_stmt, StatementDeleter>;
+
+// Creates every missing folder above `file`.
+void MakeParentFolders(const std::string& file) {
+  for (size_t slash = file.find('/', 1); slash != std::string::npos;
+       slash = file.find('/', slash + 1)) {
+    std::string folder = file.substr(0, slash);
+    if (mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) return;
+  }
+}
+
+enum class LikeOutcome { kMatch, kNoMatch, kBadPattern };
+
+// PostgreSQL's LIKE on bytes: case-sensitive, '%' any run, '_' one byte,
+// `escape` (or none when negative) quoting the next pattern byte.
+LikeOutcome LikeMatch(const unsigned char* s, size_t sn, const unsigned char* p, size_t pn,
+                      int escape) {
+  for (size_t i = 0; i < pn; ++i) {
+    if (p[i] == escape) {
+      if (i + 1 == pn) return LikeOutcome::kBadPattern;
+      ++i;
+    }
+  }
+  size_t si = 0, pi = 0;
+  size_t starPattern = SIZE_MAX, starText = 0;
+  while (si < sn) {
+    if (pi < pn) {
+      unsigned char c = p[pi];
+      if (c == '%' ) {
+        starPattern = ++pi;
+        starText = si;
+        continue;
+      }
+      if (c == '_') {
+        ++pi;
+        ++si;
+        continue;
+      }
+      size_t step = 1;
+      if (c == escape) {
+        c = p[pi + 1];
+        step = 2;
+      }
+      if (s[si] == c) {
+        pi += step;
+        ++si;
+        continue;
+      }
+    }
+    if (starPattern == SIZE_MAX) return LikeOutcome::kNoMatch;
+    pi = starPattern;
+    si = ++starText;
+  }
+  while (pi < pn && p[pi] == '%') ++pi;
+  return pi == pn ? LikeOutcome::kMatch : LikeOutcome::kNoMatch;
+}
+
+// like(pattern, text [, escape]): what "text LIKE pattern [ESCAPE e]" calls.
+void LikeFunction(sqlite3_context* context, int argc, sqlite3_value** argv) {
+  for (int i = 0; i < argc; ++i) {
+    if (sqlite3_value_type(argv[i]) == SQLITE_NULL) {
+      sqlite3_result_null(context);
+      return;
+    }
+  }
+  int escape = '\\';
+  if (argc == 3) {
+    int length = sqlite3_value_bytes(argv[2]);
+    if (length > 1) {
+      sqlite3_result_error(context, "invalid escape string", -1);
+      return;
+    }
+    escape = length == 0 ? -1 : sqlite3_value_text(argv[2])[0];
+  }
+  const unsigned char* pattern = sqlite3_value_text(argv[0]);
+  size_t patternLength = static_cast<size_t>(sqlite3_value_bytes(argv[0]));
+  const unsigned char* text = sqlite3_value_text(argv[1]);
+  size_t textLength = static_cast<size_t>(sqlite3_value_bytes(argv[1]));
+  if (pattern == nullptr || text == nullptr) {
+    sqlite3_result_error_nomem(context);
+    return;
+  }
+  switch (LikeMatch(text, textLength, pattern, patternLength, escape)) {
+    case LikeOutcome::kMatch: sqlite3_result_int(context, 1); break;
+    case LikeOutcome::kNoMatch: sqlite3_result_int(context, 0); break;
+    case LikeOutcome::kBadPattern:
+      sqlite3_result_error(context, "LIKE pattern must not end with escape character", -1);
+      break;
+  }
+}
+
+bool IsBlank(const char* text) {
+  for (; *text; ++text) {
+    if (!isspace(static_cast<unsigned char>(*text))) return false;
+  }
+  return true;
+}
+
+void ReadRow(sqlite3_stmt* stmt, ORVODBResult* result, const std::vector<bool>& boolean) {
+  const int count = sqlite3_column_count(stmt);
+  auto& row = result->rows.emplace_back();
+  row.reserve(count);
+  for (int c = 0; c < count; ++c) {
+    switch (sqlite3_column_type(stmt, c)) {
+      case SQLITE_NULL:
+        row.emplace_back(std::nullopt);
+        break;
+      case SQLITE_INTEGER:
+        if (boolean[c]) {
+          row.emplace_back(sqlite3_column_int64(stmt, c) ? "t" : "f");
+          break;
+        }
+        row.emplace_back(std::to_string(sqlite3_column_int64(stmt, c)));
+        break;
+      case SQLITE_FLOAT: {
+        // The way the server prints a number: 3 rather than 3.0.
+        char text[32];
+        snprintf(text, sizeof text, "%.15g", sqlite3_column_double(stmt, c));
+        row.emplace_back(text);
+        break;
+      }
+      default: {
+        auto text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, c));
+        row.emplace_back(std::string(text ? text : "", sqlite3_column_bytes(stmt, c)));
+        break;
+      }
+    }
+  }
+}
+
+}  // namespace
+
+int SqliteOpen(ORVODB* db, const std::string& file) {
+  MakeParentFolders(file);
+  sqlite3* lite = nullptr;
+  int rc = sqlite3_open_v2(file.c_str(), &lite,
+                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                           nullptr);
+  if (rc != SQLITE_OK) {
+    db->error = lite ? sqlite3_errmsg(lite) : sqlite3_errstr(rc);
+    db->error += " (" + file + ")";
+    sqlite3_close(lite);
+    return -1;
+  }
+  db->lite = lite;
+  // A locked database fails the call after a short wait; the caller goes on.
+  sqlite3_busy_timeout(lite, 1000);
+  const int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
+  if (sqlite3_create_function(lite, "like", 2, flags, nullptr, LikeFunction, nullptr, nullptr) ||
+      sqlite3_create_function(lite, "like", 3, flags, nullptr, LikeFunction, nullptr, nullptr) ||
+      SqliteControl(db, "pragma journal_mode = wal") ||
+      SqliteControl(db, "pragma synchronous = normal")) {
+    if (db->error.empty()) db->error = sqlite3_errmsg(lite);
+    SqliteClose(db);
+    return -1;
+  }
+  return 0;
+}
+
+void SqliteClose(ORVODB* db) {
+  for (auto& [sql, stmt] : db->liteStatements) sqlite3_finalize(stmt);
+  db->liteStatements.clear();
+  sqlite3_close_v2(db->lite);
+  db->lite = nullptr;
+  db->inGroup = false;
+}
+
+int SqliteControl(ORVODB* db, const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db->lite, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    db->error = message ? message : sqlite3_errmsg(db->lite);
+    sqlite3_free(message);
+    return -1;
+  }
+  return 0;
+}
+
+int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
+              ORVODBResult* result, int* changes, bool* isWrite) {
+  if (isWrite) *isWrite = false;
+  // Parameterised statements are the repeated ones: keep them prepared.
+  StatementPtr owned;
+  sqlite3_stmt* stmt = nullptr;
+  const bool cached = !params.empty();
+  if (cached) {
+    auto it = db->liteStatements.find(std::string(sql));
+    if (it != db->liteStatements.end()) stmt = it->second;
+  }
+  if (stmt == nullptr) {
+    const char* tail = nullptr;
+    if (sqlite3_prepare_v2(db->lite, sql.data(), static_cast<int>(sql.size()), &stmt, &tail) !=
+        SQLITE_OK) {
+      db->error = sqlite3_errmsg(db->lite);
+      return -1;
+    }
+    if (stmt == nullptr || (tail && !IsBlank(std::string(tail, sql.data() + sql.size() - tail).c_str()))) {
+      sqlite3_finalize(stmt);
+      db->error = "not exactly one statement";
+      return -1;
+    }
+    if (cached) db->liteStatements.emplace(std::string(sql), stmt);
+    else owned.reset(stmt);
+  }
+  struct Reset {
+    sqlite3_stmt* s;
+    ~Reset() {
+      sqlite3_reset(s);
+      sqlite3_clear_bindings(s);
+    }
+  } reset{stmt};
+
+  const bool write = !sqlite3_stmt_readonly(stmt);
+  if (isWrite) *isWrite = write;
+  // A raw write joins the group; the grouped path has opened it already.
+  if (write && isWrite && !db->inGroup && sqlite3_get_autocommit(db->lite) &&
+      DbBeginGroup(db) != 0)
+    return -1;
+
+  for (size_t i = 0; i < params.size(); ++i) {
+    int rc = params[i] ? sqlite3_bind_text(stmt, static_cast<int>(i + 1), params[i], -1, SQLITE_STATIC)
+                       : sqlite3_bind_null(stmt, static_cast<int>(i + 1));
+    if (rc != SQLITE_OK) {
+      db->error = sqlite3_errmsg(db->lite);
+      return -1;
+    }
+  }
+
+  std::vector<bool> boolean;
+  if (result != nullptr) {
+    const int count = sqlite3_column_count(stmt);
+    for (int c = 0; c < count; ++c) {
+      const char* name = sqlite3_column_name(stmt, c);
+      const char* type = sqlite3_column_decltype(stmt, c);
+      result->columns.emplace_back(name ? name : "");
+      boolean.push_back(type != nullptr && strcasecmp(type, "boolean") == 0);
+    }
+  }
+  int rows = 0;
+  int rc;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    ++rows;
+    if (result != nullptr) ReadRow(stmt, result, boolean);
+  }
+  if (rc != SQLITE_DONE) {
+    db->error = sqlite3_errmsg(db->lite);
+    // Some failures (a full disk, a lost lock) roll the whole group back.
+    if (db->inGroup && sqlite3_get_autocommit(db->lite)) db->inGroup = false;
+    if (result != nullptr) {
+      result->rows.clear();
+    }
+    return -1;
+  }
+  if (changes) *changes = write ? sqlite3_changes(db->lite) : rows;
+  return 0;
+}

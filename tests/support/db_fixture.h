@@ -1,0 +1,64 @@
+// Database test fixture: every suite derived from DatabaseTest runs once per
+// backend, on two fresh, empty databases (media and photo).
+//
+//   class MySuite : public orvo::test::DatabaseTest {};
+//   TEST_P(MySuite, ...) { ... }
+//   INSTANTIATE_TEST_SUITE_P(Backends, MySuite,
+//                            ::testing::ValuesIn(orvo::test::DatabaseBackends()));
+//
+// PostgreSQL runs when ORVO_TEST_PG_URI names a server (a libpq URI) where the
+// test may CREATE DATABASE; with ORVO_TEST_REQUIRE_PG=1 a missing or
+// unreachable server fails the tests instead of leaving them to SQLite alone.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/orvodb.h"
+
+namespace orvo::test {
+
+// Backends to run database suites on: always "sqlite"; "postgresql" when
+// ORVO_TEST_PG_URI is set (or ORVO_TEST_REQUIRE_PG=1, so that its absence
+// fails).
+std::vector<std::string> DatabaseBackends();
+
+// SetUp points ORVO_MEDIA_DB and ORVO_PHOTO_DB at two fresh, empty databases
+// of the backend GetParam() names (SQLite files in a temporary folder;
+// PostgreSQL databases created with ENCODING 'SQL_ASCII' LOCALE 'C' TEMPLATE
+// template0), closing any open connections first; TearDown flushes, closes
+// and drops them.
+class DatabaseTest : public ::testing::TestWithParam<std::string> {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  bool IsPostgres() const { return GetParam() == "postgresql"; }
+  // The location (ORVO_MEDIA_DB / ORVO_PHOTO_DB value) of each database.
+  const std::string& Location(OrvoDatabase which) const {
+    return which == OrvoDatabase::kMedia ? media_ : photo_;
+  }
+  // A scratch folder for the test's own files, removed in TearDown.
+  const std::string& TempDir() const { return tempDir_; }
+
+  // Runs `sql` on a connection of its own (not the platform's), so a test
+  // sees what another program would see. Returns the first column of the
+  // first row ("" when there is none), or "ERROR: ..." on failure.
+  std::string QueryElsewhere(OrvoDatabase which, const std::string& sql) const;
+
+ private:
+  std::string tempDir_;
+  std::string media_, photo_;
+  std::vector<std::string> pgDatabases_;
+  std::string savedMedia_, savedPhoto_;
+  bool hadMedia_ = false, hadPhoto_ = false;
+};
+
+// The whole of a query's result on the platform connection, rows joined by
+// '\n' and fields by '|' (booleans as the platform returns them). "ERROR"
+// when the statement failed.
+std::string QueryAll(OrvoDatabase which, const std::string& sql);
+
+}  // namespace orvo::test
