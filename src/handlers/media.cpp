@@ -1,7 +1,68 @@
-// Placeholder until this format lands: every call fails.
-#include "handlers/handlers.h"
+// Generic audio and video handlers: every type without a reader of its own
+// is probed through libavformat. The audio remover also removes flac rows,
+// which decides the media type a FLAC row is deleted under.
+#include <cstdint>
 
-int IndexAudio(const char*) { return -1; }
-int RemoveAudio(const char*) { return -1; }
-int IndexVideo(const char*) { return -1; }
-int RemoveVideo(const char*) { return -1; }
+#include "handlers/formats.h"
+#include "handlers/handlers.h"
+#include "handlers/record_defaults.h"
+#include "meta/metamedia.h"
+#include "platform/log.h"
+#include "platform/media_db.h"
+#include "platform/system.h"
+
+int FillMediaRecord(const char* path, int type, MediaInfo* info) {
+  if (path == nullptr || path[0] == '\0' || info == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return -1;
+  }
+  int64_t size = 0;
+  if (IsFileExist(path, &size) == 0) return -1;
+
+  StartRecord(info, path, size);
+  SetDefaultTitle(info, path);
+  if (!SetDefaultAlbum(info, path)) ORVO_LOG("%s (%d) Impossible error.");
+
+  // A file the library cannot read is still saved with its name and folder.
+  if (ReadMediaInfo(path, info) < 0) {
+    if (type == kMediaVideo) {
+      ORVO_LOG("%s (%d) Failed to parse music metadata.");  // "music" as it always read
+    } else {
+      ORVO_LOG("%s (%d) Failed to parse music metadata from file [%s].", path);
+    }
+  }
+  info->mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(path));
+  MediaInfoValid(info);
+  return 0;
+}
+
+namespace {
+
+int IndexMedia(const char* path, int type) {
+  MediaInfo info;
+  if (FillMediaRecord(path, type, &info) < 0) return -1;
+  if (MediaInfoDBSave(type, &info) != 0) {
+    ORVO_LOG("%s (%d) Failed to save media info to database.");
+    return -1;
+  }
+  return 0;
+}
+
+int RemoveMedia(const char* path, int type) {
+  if (IsFileExist(path, nullptr) != 0) {
+    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
+    return -1;
+  }
+  if (MediaInfoDBDelete(type, path) != 0) {
+    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int IndexAudio(const char* path) { return IndexMedia(path, kMediaMusic); }
+int RemoveAudio(const char* path) { return RemoveMedia(path, kMediaMusic); }
+int IndexVideo(const char* path) { return IndexMedia(path, kMediaVideo); }
+int RemoveVideo(const char* path) { return RemoveMedia(path, kMediaVideo); }

@@ -1,0 +1,60 @@
+#include "handlers/record_defaults.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+const char* BaseName(const char* path) {
+  const char* slash = strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+}  // namespace
+
+void CopyField(char* field, int bound, std::string_view text) {
+  if (bound <= 0) return;
+  size_t n = text.size() < static_cast<size_t>(bound - 1) ? text.size() : static_cast<size_t>(bound - 1);
+  memcpy(field, text.data(), n);
+  field[n] = '\0';
+}
+
+void StartRecord(MediaInfo* info, const char* path, long long size) {
+  memset(info, 0, sizeof *info);
+  snprintf(info->path, sizeof info->path, "%s", path);
+  info->filesize = size;
+}
+
+void SetDefaultTitle(MediaInfo* info, const char* path) {
+  snprintf(info->title, sizeof info->title, "%s", BaseName(path));
+  // The cut looks at the bounded copy, so a base name longer than the field
+  // is cut at its last '.' within the first 254 bytes. Deliberate.
+  char* dot = strrchr(info->title, '.');
+  if (dot != nullptr) *dot = '\0';
+}
+
+void SetDefaultTitleAfterTags(MediaInfo* info, const char* path) {
+  if (info->title[0] != '\0') return;
+  const char* base = BaseName(path);
+  const char* dot = strrchr(base, '.');
+  if (dot != nullptr) {
+    // Unbounded in the original record filler; a real file name never holds
+    // more than 254 bytes before its last '.', the clamp only guards the field.
+    CopyField(info->title, sizeof info->title, std::string_view(base, dot - base));
+  } else {
+    snprintf(info->title, sizeof info->title, "%s", base);
+  }
+}
+
+bool SetDefaultAlbum(MediaInfo* info, const char* path) {
+  const char* last = strrchr(path, '/');
+  if (last == nullptr || last == path) return true;  // no folder before the name
+  const char* p = last - 1;
+  while (p > path && *p != '/') --p;
+  if (*p != '/') return true;
+  snprintf(info->album, sizeof info->album, "%s", p + 1);
+  char* cut = strrchr(info->album, '/');
+  if (cut == nullptr) return false;
+  *cut = '\0';
+  return true;
+}

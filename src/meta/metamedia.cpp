@@ -1,0 +1,157 @@
+#include "meta/metamedia.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include "platform/log.h"
+
+// The 16-bit and 8-bit PCM codec ids are the same numbers in libavcodec 59
+// as they always were: the bit-rate rule below depends on these ranges.
+static_assert(AV_CODEC_ID_PCM_S16LE == 0x10000);
+static_assert(AV_CODEC_ID_PCM_S16BE == 0x10001);
+static_assert(AV_CODEC_ID_PCM_U16LE == 0x10002);
+static_assert(AV_CODEC_ID_PCM_U16BE == 0x10003);
+static_assert(AV_CODEC_ID_PCM_S8 == 0x10004);
+static_assert(AV_CODEC_ID_PCM_U8 == 0x10005);
+static_assert(AV_CODEC_ID_PCM_MULAW == 0x10006);
+static_assert(AV_CODEC_ID_PCM_ALAW == 0x10007);
+static_assert(AVMEDIA_TYPE_VIDEO == 0 && AVMEDIA_TYPE_AUDIO == 1);
+
+void QuietAvLog() {
+  // Demuxers and decoders complain loudly about damaged files; one line per
+  // packet would flood syslog. Our own messages say what failed.
+  av_log_set_level(AV_LOG_QUIET);
+}
+
+namespace {
+
+const char* Tag(const AVDictionary* dict, const char* key) {
+  const AVDictionaryEntry* e = av_dict_get(dict, key, nullptr, 0);
+  return e != nullptr ? e->value : nullptr;
+}
+
+ContainerTags TagsOf(const AVDictionary* dict) {
+  ContainerTags t;
+  t.title = Tag(dict, "title");
+  t.artist = Tag(dict, "artist");
+  if (t.artist == nullptr) t.artist = Tag(dict, "author");
+  t.album = Tag(dict, "album");
+  t.date = Tag(dict, "date");
+  if (t.date == nullptr) t.date = Tag(dict, "year");
+  t.track = Tag(dict, "track");
+  t.genre = Tag(dict, "genre");
+  return t;
+}
+
+bool HasAny(const ContainerTags& t) {
+  return t.title || t.artist || t.album || t.date || t.track || t.genre;
+}
+
+bool NotEmpty(const char* s) { return s != nullptr && s[0] != '\0'; }
+
+void Copy(char* field, size_t bound, const char* text) { snprintf(field, bound, "%s", text); }
+
+// PCM bit rates are worked out from the format; everything else trusts the
+// codec's own figure.
+int64_t AudioBitRate(const AVCodecParameters* par) {
+  int64_t rate = par->sample_rate;
+  int64_t channels = par->ch_layout.nb_channels;
+  if (par->codec_id >= 0x10000 && par->codec_id <= 0x10003) return rate * channels * 16;
+  if (par->codec_id >= 0x10004 && par->codec_id <= 0x10007) return rate * channels * 8;
+  return par->bit_rate;
+}
+
+int ProbeStreams(const char* path, MediaInfo* info) {
+  int result = -1;
+  AVFormatContext* raw = nullptr;
+  // Registration happens inside libavformat since its demuxers became a
+  // static table; there is nothing left to call before opening a file.
+  if (avformat_open_input(&raw, path, nullptr, nullptr) < 0) {
+    ORVO_LOG("%s (%d) Failed to av_open_input_file() file [%s].", path);
+    return -1;
+  }
+  AvInput ctx(raw);
+  // libavformat's own read limits stay: smaller probe sizes, analysis
+  // durations or frame-rate probes each changed stored durations or bit rates
+  // (ADTS and FLV files estimate them from what was read).
+  if (avformat_find_stream_info(ctx.get(), nullptr) < 0) {
+    ORVO_LOG("%s (%d) Could not find codec parameters.  %s", path);
+    return -1;
+  }
+
+  ContainerTags tags = GetContainerTags(ctx.get());
+  info->video_bitrate = static_cast<int32_t>(ctx->bit_rate);
+  // An unknown duration (AV_NOPTS_VALUE) would come out hugely negative and be
+  // cleared by MediaInfoValid; store the 0 it ends as straight away.
+  int64_t seconds = ctx->duration == AV_NOPTS_VALUE ? 0 : ctx->duration / 1000000;
+  info->duration = static_cast<float>(seconds);
+  if (NotEmpty(tags.genre)) Copy(info->genre, sizeof info->genre, tags.genre);
+  if (NotEmpty(tags.artist)) Copy(info->artist, sizeof info->artist, tags.artist);
+  if (NotEmpty(tags.title)) Copy(info->title, sizeof info->title, tags.title);
+  int year = tags.date != nullptr ? atoi(tags.date) : 0;
+  if (year != 0) snprintf(info->year, sizeof info->year, "%d", year);
+  info->track = tags.track != nullptr ? atoi(tags.track) : 0;
+
+  bool audio_seen = false;
+  bool video_seen = false;
+  int64_t bitrate = 0;
+  bool all_streams = true;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    const AVStream* st = ctx->streams[i];
+    if (IsSideStream(st)) continue;
+    const AVCodecParameters* par = st->codecpar;
+    if (par->codec_type == AVMEDIA_TYPE_VIDEO) {
+      if (par->width != 0) {
+        info->width = par->width;
+        info->height = par->height;
+      }
+      video_seen = true;
+    } else if (par->codec_type == AVMEDIA_TYPE_AUDIO) {
+      info->channels = par->ch_layout.nb_channels;
+      if (par->sample_rate != 0) info->frequency = par->sample_rate;
+      bitrate = AudioBitRate(par);
+      audio_seen = true;
+    } else {
+      ORVO_LOG("%s (%d) Invalid stream type.");
+      all_streams = false;
+      break;
+    }
+    // Not reset between streams: a video stream after an audio stream stores
+    // the audio figure again. Deliberate.
+    if (bitrate != 0) info->bitrate = static_cast<int32_t>(bitrate);
+  }
+  if (all_streams && (audio_seen || video_seen)) {
+    // A video's container album is a collection name, not the folder the user
+    // filed it in; only audio-only files take it.
+    if (!video_seen && NotEmpty(tags.album)) Copy(info->album, sizeof info->album, tags.album);
+    result = 0;
+  }
+  return result;
+}
+
+}  // namespace
+
+ContainerTags GetContainerTags(const AVFormatContext* ctx) {
+  ContainerTags tags = TagsOf(ctx->metadata);
+  if (HasAny(tags)) return tags;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    const AVStream* st = ctx->streams[i];
+    if (st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) return TagsOf(st->metadata);
+  }
+  return tags;
+}
+
+int ReadMediaInfo(const char* path, MediaInfo* info) {
+  QuietAvLog();
+  if (ProbeStreams(path, info) < 0) {
+    ORVO_LOG("%s (%d) Failed to get Misc Media Info from [%s].", path);
+    return -1;
+  }
+  return 0;
+}

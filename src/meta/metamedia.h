@@ -1,0 +1,50 @@
+// The generic media probe: opens a file through libavformat and copies the
+// container's tags and its streams' parameters into a media record. It never
+// clears the record, so the handler's file-name defaults survive wherever
+// the file has no value of its own.
+#pragma once
+
+#include <memory>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include "platform/media_info.h"
+
+// Probe entry point of the generic handlers. Returns 0, or -1 after logging
+// "Failed to get Misc Media Info from [path]." Fields copied before a failure
+// stay in the record.
+int ReadMediaInfo(const char* path, MediaInfo* info);
+
+// Owner of an opened input: closes it with avformat_close_input.
+struct AvInputCloser {
+  void operator()(AVFormatContext* ctx) const { avformat_close_input(&ctx); }
+};
+using AvInput = std::unique_ptr<AVFormatContext, AvInputCloser>;
+
+// Keeps libavformat's own messages out of syslog; cheap to call every time.
+void QuietAvLog();
+
+// The container's tags as the record takes them: the format context's
+// metadata, or the first audio stream's when the container carries none of
+// title, artist/author, album, date/year, track and genre (Ogg keeps its
+// comments on the stream).
+struct ContainerTags {
+  const char* title = nullptr;
+  const char* artist = nullptr;
+  const char* album = nullptr;
+  const char* date = nullptr;   // date, or year
+  const char* track = nullptr;
+  const char* genre = nullptr;
+};
+ContainerTags GetContainerTags(const AVFormatContext* ctx);
+
+// Streams that newer libavformat shows but that are no audio, video or
+// subtitle content of the file: cover art (a one-picture "video" stream) and
+// the navigation packets of DVD program streams. Counted, the first would
+// take every tagged song's album away and the second would fail every VOB
+// as "Invalid stream type."; both are passed over.
+inline bool IsSideStream(const AVStream* st) {
+  return (st->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0 || st->codecpar->codec_id == AV_CODEC_ID_DVD_NAV;
+}
