@@ -1,0 +1,154 @@
+// The real daemon in the appliance sandbox: one instance only, the pid file,
+// SIGTERM, the leftover batch at start, and the debounced queue runs.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "support/sandbox.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace orvo::test;
+
+const std::string kDaemonBinary = std::string(ORVO_BINARY_DIR) + "/orvoindexd";
+constexpr char kBatchFile[] = "/var/spool/orvo_indexing_queue.tmp";
+
+std::string ReadFile(const char* path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+class DaemonLifecycle : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+  }
+  void TearDown() override {
+    if (pid_ > 0) StopDaemon(pid_);
+  }
+  // Starts the daemon with an empty queue, whose start-up run (one SIGHUP)
+  // shows that start-up is over: lines queued later wait for a signal.
+  bool StartIdle() {
+    std::ofstream(kQueueFile).flush();
+    pid_ = StartDaemon(kFastClock);
+    return pid_ > 0 && WaitForHups(1);
+  }
+  pid_t pid_ = -1;
+};
+
+TEST_F(DaemonLifecycle, PidFileHoldsThePidWithoutNewline) {
+  pid_ = StartDaemon(kFastClock);
+  ASSERT_GT(pid_, 0);
+  EXPECT_EQ(ReadFile("/var/run/orvoindexd.pid"), std::to_string(pid_));
+}
+
+TEST_F(DaemonLifecycle, SecondStartIsRefused) {
+  pid_ = StartDaemon(kFastClock);
+  ASSERT_GT(pid_, 0);
+  CommandResult second = RunCommand({kDaemonBinary});
+  ASSERT_TRUE(WIFEXITED(second.status));
+  EXPECT_EQ(WEXITSTATUS(second.status), 1);
+  EXPECT_EQ(second.output, "Daemon alive. No need to start\n");
+  EXPECT_TRUE(ProcessAlive(pid_));
+  EXPECT_EQ(ReadFile("/var/run/orvoindexd.pid"), std::to_string(pid_));
+}
+
+TEST_F(DaemonLifecycle, StalePidFileDoesNotStopTheStart) {
+  // A pid that cannot be alive: above the kernel's limit.
+  std::ofstream("/var/run/orvoindexd.pid") << 99999999;
+  CommandResult start = RunCommand({kDaemonBinary});
+  ASSERT_TRUE(WIFEXITED(start.status));
+  EXPECT_EQ(WEXITSTATUS(start.status), 0) << start.output;
+  pid_ = std::stoi("0" + ReadFile("/var/run/orvoindexd.pid"));
+  ASSERT_GT(pid_, 0);
+  EXPECT_TRUE(ProcessAlive(pid_));
+}
+
+TEST_F(DaemonLifecycle, SigtermRemovesThePidFileAndExitsZero) {
+  pid_ = StartDaemon(kFastClock);
+  ASSERT_GT(pid_, 0);
+  const int status = StopDaemon(pid_);
+  pid_ = -1;
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(fs::exists("/var/run/orvoindexd.pid"));
+}
+
+TEST_F(DaemonLifecycle, HelpPrintsTheBannerOnlyAsTheSoleArgument) {
+  CommandResult help = RunCommand({kDaemonBinary, "--help"});
+  ASSERT_TRUE(WIFEXITED(help.status));
+  EXPECT_EQ(WEXITSTATUS(help.status), 0);
+  EXPECT_FALSE(help.output.empty());
+  EXPECT_FALSE(fs::exists("/var/run/orvoindexd.pid"));
+
+  // With a further argument the list is ignored and the daemon starts.
+  CommandResult start = RunCommand({kDaemonBinary, "--help", "extra"});
+  ASSERT_TRUE(WIFEXITED(start.status));
+  EXPECT_EQ(WEXITSTATUS(start.status), 0);
+  pid_ = std::stoi("0" + ReadFile("/var/run/orvoindexd.pid"));
+  EXPECT_GT(pid_, 0);
+}
+
+TEST_F(DaemonLifecycle, LeftoverBatchRunsBeforeTheQueueAtStart) {
+  std::ofstream(kBatchFile) << "x:left over\n";
+  ASSERT_TRUE(AppendQueueLine("x:queued"));
+  pid_ = StartDaemon(kFastClock);
+  ASSERT_GT(pid_, 0);
+  // Two runs back to back may reach the stand-in as one SIGHUP; the log
+  // tells them apart.
+  ASSERT_TRUE(WaitForLog("Bad format [x:queued]."));
+  int leftOver = -1, queued = -1;
+  const auto lines = SandboxLogLines();
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (lines[i].find("Bad format [x:left over].") != std::string::npos) leftOver = static_cast<int>(i);
+    if (lines[i].find("Bad format [x:queued].") != std::string::npos) queued = static_cast<int>(i);
+  }
+  EXPECT_GE(leftOver, 0);
+  EXPECT_LT(leftOver, queued);
+  EXPECT_FALSE(fs::exists(kBatchFile));
+  EXPECT_FALSE(fs::exists(kQueueFile));
+}
+
+TEST_F(DaemonLifecycle, OneSignalGivesExactlyOneRun) {
+  ASSERT_TRUE(StartIdle());
+  ASSERT_TRUE(AppendQueueLine("x:once"));
+  ASSERT_TRUE(SignalDaemon());
+  ASSERT_TRUE(WaitForHups(2));
+  // Several further ticks pass (each a tenth of a second of real time per
+  // second of the daemon's clock); the queue must not run again.
+  std::this_thread::sleep_for(4s);
+  EXPECT_EQ(SandboxHupCount(), 2);
+  EXPECT_EQ(SandboxLogCount("Failed to rename"), 0);
+  EXPECT_EQ(SandboxLogCount("Bad format [x:once]."), 1);
+}
+
+TEST_F(DaemonLifecycle, NoSignalNoRun) {
+  ASSERT_TRUE(StartIdle());
+  ASSERT_TRUE(AppendQueueLine("x:waiting"));
+  std::this_thread::sleep_for(3s);
+  EXPECT_EQ(SandboxHupCount(), 1);
+  EXPECT_TRUE(fs::exists(kQueueFile));
+}
+
+TEST_F(DaemonLifecycle, SteadySignalsPostponeTheRun) {
+  ASSERT_TRUE(StartIdle());
+  ASSERT_TRUE(AppendQueueLine("x:postponed"));
+  // A signal every fifth of a tick for about four ticks.
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_TRUE(SignalDaemon());
+    std::this_thread::sleep_for(200ms);
+  }
+  EXPECT_EQ(SandboxHupCount(), 1);
+  EXPECT_TRUE(WaitForHups(2));
+}
+
+}  // namespace
