@@ -1,5 +1,134 @@
-// Placeholder until this format lands: every call fails.
-#include "handlers/handlers.h"
+// MP4 audio (m4a, aac, m4p) through libavformat's MOV demuxer: the first sound
+// track gives the audio values, the last video track the picture size, and
+// the iTunes tags come before the file-name defaults.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 
-int IndexMp4(const char*) { return -1; }
-int RemoveMp4(const char*) { return -1; }
+#include "handlers/formats.h"
+#include "handlers/handlers.h"
+#include "handlers/record_defaults.h"
+#include "meta/metamedia.h"
+#include "platform/log.h"
+#include "platform/media_db.h"
+#include "platform/system.h"
+
+namespace {
+
+// Whole seconds of the track's media duration in its own time scale; an
+// unknown duration is 0.
+int32_t TrackSeconds(const AVStream* st) {
+  if (st->duration == AV_NOPTS_VALUE || st->duration < 0 || st->time_base.den <= 0) return 0;
+  return static_cast<int32_t>(st->duration / st->time_base.den);
+}
+
+AVFormatContext* OpenMov(const char* path) {
+  const AVInputFormat* mov = av_find_input_format("mov");
+  AVDictionary* options = nullptr;
+  // The track's own media duration is what the record stores, edits aside.
+  av_dict_set(&options, "ignore_editlist", "1", 0);
+  // Chapter lists are read by walking the whole file; we never use them.
+  av_dict_set(&options, "ignore_chapters", "1", 0);
+  AVFormatContext* ctx = nullptr;
+  int rc = avformat_open_input(&ctx, path, mov, &options);
+  av_dict_free(&options);
+  return rc < 0 ? nullptr : ctx;
+}
+
+void CopyTag(char* field, size_t bound, const char* text) {
+  if (text != nullptr) snprintf(field, bound, "%s", text);
+}
+
+}  // namespace
+
+int ReadMp4Info(const char* path, MediaInfo* info) {
+  QuietAvLog();
+  AvInput ctx(OpenMov(path));
+  if (!ctx) {
+    ORVO_LOG("%s (%d) Failed to parse music metadata.");
+    return -1;
+  }
+  // Cover pictures show up as streams but are no tracks of the file.
+  const AVStream* sound = nullptr;
+  const AVStream* video = nullptr;
+  unsigned tracks = 0;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    const AVStream* st = ctx->streams[i];
+    if (IsSideStream(st)) continue;
+    ++tracks;
+    // First sound track, last video track: the asymmetry is deliberate.
+    if (st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && sound == nullptr) sound = st;
+    if (st->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) video = st;
+  }
+  if (tracks == 0) {
+    ORVO_LOG("%s (%d) No tracks in mp4.");
+    return -1;
+  }
+  if (sound != nullptr) {
+    int channels = sound->codecpar->ch_layout.nb_channels;
+    info->channels = channels < 0 ? 0 : channels;
+    info->duration = static_cast<float>(TrackSeconds(sound));
+    // The track's time scale stands in for the sample rate.
+    info->frequency = sound->time_base.den;
+    info->bitrate = static_cast<int32_t>(sound->codecpar->bit_rate);
+  }
+  if (video != nullptr && video->codecpar->width == 0) {
+    // The demuxer leaves the size of MPEG-4 Part 2, H.263 and H.261 tracks to
+    // their decoder; only then is the costly stream analysis worth it.
+    avformat_find_stream_info(ctx.get(), nullptr);
+  }
+  if (video != nullptr) {
+    info->duration = static_cast<float>(TrackSeconds(video));
+    info->video_bitrate = static_cast<int32_t>(video->codecpar->bit_rate);
+    info->width = video->codecpar->width;
+    info->height = video->codecpar->height;
+  }
+  ContainerTags tags = GetContainerTags(ctx.get());
+  CopyTag(info->title, sizeof info->title, tags.title);
+  CopyTag(info->album, sizeof info->album, tags.album);
+  CopyTag(info->artist, sizeof info->artist, tags.artist);
+  CopyTag(info->genre, sizeof info->genre, tags.genre);
+  CopyTag(info->year, sizeof info->year, tags.date);
+  // "3/12" is track 3; the total is dropped.
+  if (tags.track != nullptr) info->track = atoi(tags.track);
+  return 0;
+}
+
+int FillMp4Record(const char* path, MediaInfo* info) {
+  if (path == nullptr || path[0] == '\0' || info == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return -1;
+  }
+  int64_t size = 0;
+  if (IsFileExist(path, &size) == 0) return -1;
+  StartRecord(info, path, size);
+  if (ReadMp4Info(info->path, info) < 0) ORVO_LOG("%s (%d) Failed to parse music metadata.");
+  info->mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(path));
+  MediaInfoValid(info);
+  // Defaults only after the tags, and only where they left a field empty.
+  SetDefaultTitleAfterTags(info, path);
+  if (info->album[0] == '\0' && !SetDefaultAlbum(info, path)) ORVO_LOG("%s (%d) Impossible error.");
+  return 0;
+}
+
+int IndexMp4(const char* path) {
+  MediaInfo info;
+  if (FillMp4Record(path, &info) < 0) return -1;
+  if (MediaInfoDBSave(kMediaMusic, &info) != 0) {
+    ORVO_LOG("%s (%d) Failed to save media info to database.");
+    return -1;
+  }
+  return 0;
+}
+
+int RemoveMp4(const char* path) {
+  if (IsFileExist(path, nullptr) != 0) {
+    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
+    return -1;
+  }
+  if (MediaInfoDBDelete(kMediaMusic, path) != 0) {
+    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
+    return -1;
+  }
+  return 0;
+}
