@@ -35,18 +35,12 @@ enum class LikeOutcome { kMatch, kNoMatch, kBadPattern };
 // `escape` (or none when negative) quoting the next pattern byte.
 LikeOutcome LikeMatch(const unsigned char* s, size_t sn, const unsigned char* p, size_t pn,
                       int escape) {
-  for (size_t i = 0; i < pn; ++i) {
-    if (p[i] == escape) {
-      if (i + 1 == pn) return LikeOutcome::kBadPattern;
-      ++i;
-    }
-  }
   size_t si = 0, pi = 0;
   size_t starPattern = SIZE_MAX, starText = 0;
   while (si < sn) {
     if (pi < pn) {
       unsigned char c = p[pi];
-      if (c == '%' ) {
+      if (c == '%') {
         starPattern = ++pi;
         starText = si;
         continue;
@@ -58,6 +52,8 @@ LikeOutcome LikeMatch(const unsigned char* s, size_t sn, const unsigned char* p,
       }
       size_t step = 1;
       if (c == escape) {
+        // Like the server, a trailing escape is an error only when reached.
+        if (pi + 1 == pn) return LikeOutcome::kBadPattern;
         c = p[pi + 1];
         step = 2;
       }
