@@ -1,5 +1,74 @@
-// Placeholder until this format lands: every call fails.
-#include "handlers/handlers.h"
+// AIFF and AIFC files: the audio format from the COMM chunk, no tags; title
+// and album always come from the file name and folder.
+#include <cstdint>
 
-int IndexAiff(const char*) { return -1; }
-int RemoveAiff(const char*) { return -1; }
+#include "handlers/formats.h"
+#include "handlers/handlers.h"
+#include "handlers/record_defaults.h"
+#include "meta/aiff_reader.h"
+#include "platform/log.h"
+#include "platform/media_db.h"
+#include "platform/system.h"
+
+namespace {
+
+// A figure that does not fit its field (a damaged rate of 1e4000 Hz, say) is
+// stored as 0 rather than left to an undefined conversion.
+int32_t ToInt32(double v) {
+  return v > -2147483649.0 && v < 2147483648.0 ? static_cast<int32_t>(v) : 0;
+}
+int32_t ToUint32Bits(double v) {
+  return v > -1.0 && v < 4294967296.0 ? static_cast<int32_t>(static_cast<uint32_t>(v)) : 0;
+}
+
+void ApplyFormat(MediaInfo* info, const AiffFormat& fmt) {
+  info->channels = fmt.channels;
+  info->duration = fmt.sample_rate > 0 ? static_cast<float>(static_cast<double>(fmt.sample_frames) / fmt.sample_rate) : 0.0f;
+  info->bitrate = ToUint32Bits(static_cast<double>(fmt.bits_per_sample) * fmt.sample_rate * fmt.channels);
+  info->frequency = ToInt32(fmt.sample_rate);
+}
+
+}  // namespace
+
+int FillAiffRecord(const char* path, MediaInfo* info) {
+  if (path == nullptr || path[0] == '\0' || info == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return -1;
+  }
+  int64_t size = 0;
+  if (IsFileExist(path, &size) == 0) return -1;
+  StartRecord(info, path, size);
+  // An unreadable header is not reported: the file is saved with zero audio
+  // values and its name.
+  AiffHandle aiff = AiffOpen(path, "rb");
+  AiffFormat fmt;
+  if (aiff && AiffGetFormat(aiff.get(), &fmt) == 1) ApplyFormat(info, fmt);
+  aiff.reset();
+  info->mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(path));
+  MediaInfoValid(info);
+  SetDefaultTitleAfterTags(info, path);
+  if (info->album[0] == '\0' && !SetDefaultAlbum(info, path)) ORVO_LOG("%s (%d) Impossible error.");
+  return 0;
+}
+
+int IndexAiff(const char* path) {
+  MediaInfo info;
+  if (FillAiffRecord(path, &info) < 0) return -1;
+  if (MediaInfoDBSave(kMediaMusic, &info) != 0) {
+    ORVO_LOG("%s (%d) Failed to save media info to database.");
+    return -1;
+  }
+  return 0;
+}
+
+int RemoveAiff(const char* path) {
+  if (IsFileExist(path, nullptr) != 0) {
+    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
+    return -1;
+  }
+  if (MediaInfoDBDelete(kMediaMusic, path) != 0) {
+    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
+    return -1;
+  }
+  return 0;
+}
