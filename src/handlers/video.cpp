@@ -1,5 +1,52 @@
-// Placeholder until this format lands: every call fails.
-#include "handlers/handlers.h"
+// VCD video files (.dat): the generic video pattern with the MPEG video
+// stream parser in place of the library probe.
+#include <cstdint>
 
-int IndexVcd(const char*) { return -1; }
-int RemoveVcd(const char*) { return -1; }
+#include "handlers/formats.h"
+#include "handlers/handlers.h"
+#include "handlers/record_defaults.h"
+#include "meta/metavideo.h"
+#include "platform/log.h"
+#include "platform/media_db.h"
+#include "platform/system.h"
+
+int FillVcdRecord(const char* path, MediaInfo* info) {
+  if (path == nullptr || path[0] == '\0' || info == nullptr) {
+    ORVO_LOG("%s (%d) Bad parameter.");
+    return -1;
+  }
+  int64_t size = 0;
+  if (IsFileExist(path, &size) == 0) return -1;
+
+  StartRecord(info, path, size);
+  SetDefaultTitle(info, path);
+  if (!SetDefaultAlbum(info, path)) ORVO_LOG("%s (%d) Impossible error.");
+  if (ParseMpegVideoFile(path, info) < 0) {
+    ORVO_LOG("%s (%d) Failed to parse music metadata.");  // "music" as it always read
+  }
+  info->mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(path));
+  MediaInfoValid(info);
+  return 0;
+}
+
+int IndexVcd(const char* path) {
+  MediaInfo info;
+  if (FillVcdRecord(path, &info) < 0) return -1;
+  if (MediaInfoDBSave(kMediaVideo, &info) != 0) {
+    ORVO_LOG("%s (%d) Failed to save media info to database.");
+    return -1;
+  }
+  return 0;
+}
+
+int RemoveVcd(const char* path) {
+  if (IsFileExist(path, nullptr) != 0) {
+    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
+    return -1;
+  }
+  if (MediaInfoDBDelete(kMediaVideo, path) != 0) {
+    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
+    return -1;
+  }
+  return 0;
+}
