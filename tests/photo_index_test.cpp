@@ -335,6 +335,28 @@ TEST_P(PhotoIndex, VideoTableRenameUsesPlainPrefix) {
   EXPECT_TRUE(log.Contains("Bad parameter."));
 }
 
+// Every picture of the corpus, damaged ones included, reaches both
+// databases; the photo rows never carry an unclamped size or an empty date.
+TEST_P(PhotoIndex, WholeCorpusThroughBothHandlers) {
+  std::string folder = std::string(ORVO_CORPUS_DIR) + "/pictures";
+  if (!fs::is_directory(folder)) GTEST_SKIP() << "corpus not present at " << ORVO_CORPUS_DIR;
+  int files = 0;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    std::string path = entry.path().string();
+    EXPECT_EQ(IndexPhoto(path.c_str()), 0) << path;
+    EXPECT_EQ(ORVOPhotoIndexAdd(path.c_str(), 1), 0) << path;
+    ++files;
+  }
+  EXPECT_EQ(QueryAll(OrvoDatabase::kMedia, "select count(*) from photo"), std::to_string(files));
+  EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto, "select count(*) from photo_image"), std::to_string(files));
+  EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto,
+                     "select count(*) from photo_image where width > 8000 or height > 8000 or width < 0 "
+                     "or height < 0 or takendate = ''"),
+            "0");
+  EXPECT_EQ(QueryAll(OrvoDatabase::kMedia, "select camera_model from photo where path like '%/Canon_40D.jpg'"),
+            "Canon EOS 40D");
+}
+
 INSTANTIATE_TEST_SUITE_P(Backends, PhotoIndex, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
 
 }  // namespace
