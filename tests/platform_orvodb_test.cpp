@@ -1,6 +1,8 @@
 // Database access on every backend: one statement per call, escaping, the
 // LIKE and boolean rules both backends must share, results, grouped writes,
 // and what happens when the database is out of reach.
+#include <libpq-fe.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -266,6 +268,78 @@ TEST_P(RawAccess, AnUnreachableDatabaseFailsEachCallUntilItIsBack) {
   EXPECT_EQ(MediaInfoDBSave(kMediaMusic, &info), 0);
   ASSERT_EQ(ORVODBFlush(), 0);
   EXPECT_EQ(QueryElsewhere(OrvoDatabase::kMedia, "select path from music"), "/volume1/music/x.mp3");
+}
+
+TEST_P(RawAccess, OneRefusedRowCostsOnlyItselfAndIsLogged) {
+  // A rule of the database that one row breaks.
+  const char* rule = IsPostgres()
+      ? "alter table music add constraint no_bad_titles check (title <> 'bad')"
+      : "create trigger no_bad_titles before insert on music when new.title = 'bad'"
+        " begin select raise(abort, 'no bad titles'); end";
+  if (IsPostgres()) {
+    ASSERT_EQ(Exec(OrvoDatabase::kMedia, rule), 0);
+  } else {
+    // A trigger body holds semicolons: made by another program.
+    ASSERT_NE(OrvoDBConnect(OrvoDatabase::kMedia), nullptr);
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(Location(OrvoDatabase::kMedia).c_str() + 7, &other), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(other, rule, nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(other);
+  }
+  ASSERT_EQ(ORVODBFlush(), 0);
+  orvo::test::LogCapture log;
+  int failedNow = 0;
+  for (int i = 0; i < 11; ++i) {
+    MediaInfo info = Record("/volume1/music/r" + std::to_string(i) + ".mp3");
+    snprintf(info.title, sizeof info.title, "%s", i == 5 ? "bad" : "good");
+    if (MediaInfoDBSave(kMediaMusic, &info) != 0) ++failedNow;
+  }
+  // The server reports a pipelined row's failure at the next flush.
+  int flushed = ORVODBFlush();
+  EXPECT_EQ(failedNow + (flushed != 0 ? 1 : 0), 1);
+  EXPECT_TRUE(log.Contains("Failed to save /volume1/music/r5.mp3") ||
+              log.Contains("Failed to write /volume1/music/r5.mp3"));
+  EXPECT_FALSE(log.Contains("r4.mp3"));
+  EXPECT_EQ(QueryElsewhere(OrvoDatabase::kMedia, "select count(*) from music where title = 'good'"), "10");
+  // The connection goes on working.
+  MediaInfo info = Record("/volume1/music/after.mp3");
+  EXPECT_EQ(MediaInfoDBSave(kMediaMusic, &info), 0);
+  EXPECT_EQ(ORVODBFlush(), 0);
+  EXPECT_EQ(QueryElsewhere(OrvoDatabase::kMedia, "select count(*) from music"), "11");
+}
+
+TEST_P(RawAccess, ALockedDatabaseFailsTheCallAndTheNextCallTriesAgain) {
+  ASSERT_NE(OrvoDBConnect(OrvoDatabase::kMedia), nullptr);
+  // Another program holds the lock on the table.
+  const std::string& where = Location(OrvoDatabase::kMedia);
+  sqlite3* lite = nullptr;
+  PGconn* pg = nullptr;
+  if (IsPostgres()) {
+    pg = PQconnectdb(where.c_str());
+    PQclear(PQexec(pg, "begin"));
+    PGresult* r = PQexec(pg, "lock table music in access exclusive mode");
+    ASSERT_EQ(PQresultStatus(r), PGRES_COMMAND_OK);
+    PQclear(r);
+  } else {
+    ASSERT_EQ(sqlite3_open(where.c_str() + 7, &lite), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(lite, "begin exclusive", nullptr, nullptr, nullptr), SQLITE_OK);
+  }
+  orvo::test::LogCapture log;
+  MediaInfo info = Record("/volume1/music/locked.mp3");
+  int saved = MediaInfoDBSave(kMediaMusic, &info);
+  int flushed = ORVODBFlush();  // where a pipelined write reports
+  EXPECT_TRUE(saved == -1 || flushed == -1);
+  EXPECT_TRUE(log.Contains("/volume1/music/locked.mp3"));
+  if (pg) {
+    PQclear(PQexec(pg, "commit"));
+    PQfinish(pg);
+  } else {
+    ASSERT_EQ(sqlite3_exec(lite, "commit", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(lite);
+  }
+  EXPECT_EQ(MediaInfoDBSave(kMediaMusic, &info), 0);
+  EXPECT_EQ(ORVODBFlush(), 0);
+  EXPECT_EQ(QueryElsewhere(OrvoDatabase::kMedia, "select count(*) from music"), "1");
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, RawAccess, ::testing::ValuesIn(orvo::test::DatabaseBackends()));

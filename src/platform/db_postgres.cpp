@@ -103,8 +103,7 @@ int Drain(ORVODB* db, bool wait) {
           db->pipelineFailed.push_back(entry.groupIndex);
           const auto& write = db->groupLog[entry.groupIndex];
           const char* what = !write.params.empty() && write.params[0] ? write.params[0]->c_str() : "";
-          ORVO_LOG("%s (%d) Failed to write [%s] for %s (%s)", write.sql.c_str(), what,
-                   db->error.c_str());
+          ORVO_LOG("%s (%d) Failed to write %s (%s)", what, db->error.c_str());
         }
       }
     }
@@ -131,8 +130,11 @@ void ReplayGroup(ORVODB* db) {
   for (int i : db->pipelineFailed) skip[i] = true;
   for (size_t i = 0; i < db->groupLog.size(); ++i) {
     if (skip[i]) continue;
-    if (RunWrite(db, db->groupLog[i]) != 0) {
-      ORVO_LOG("%s (%d) Failed to write [%s] (%s)", db->groupLog[i].sql.c_str(), db->error.c_str());
+    const DbGroupWrite& write = db->groupLog[i];
+    if (RunWrite(db, write) != 0) {
+      // A row is named by its path, the first parameter; a raw statement by itself.
+      const std::string& what = !write.params.empty() && write.params[0] ? *write.params[0] : write.sql;
+      ORVO_LOG("%s (%d) Failed to write %s (%s)", what.c_str(), db->error.c_str());
       if (PQstatus(db->pg) == CONNECTION_BAD) break;
     }
   }
@@ -157,6 +159,9 @@ int PgOpen(ORVODB* db, const std::string& uri) {
   }
   PQsetNoticeProcessor(pg, IgnoreNotice, nullptr);
   db->pg = pg;
+  // A locked table fails the call after a short wait instead of hanging the
+  // daemon; the caller goes on and the next call tries again.
+  PQclear(PQexec(pg, "set lock_timeout = '2s'"));
   const char* encoding = PQparameterStatus(pg, "server_encoding");
   if (encoding == nullptr || strcmp(encoding, "SQL_ASCII") != 0) {
     ORVO_LOG("%s (%d) Database encoding is %s, not SQL_ASCII: paths that are not UTF-8 cannot be stored",
