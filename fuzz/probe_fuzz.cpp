@@ -1,0 +1,44 @@
+// The library-backed readers (the libavformat probe, the MP4 reader, the
+// FLAC reader) on arbitrary bytes, through a temporary file since they read
+// by path.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "handlers/formats.h"
+#include "meta/metamedia.h"
+#include "platform/log.h"
+
+namespace {
+void Discard(const char*, void*) {}
+std::string gPath;
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  orvo::SetLogCapture(Discard, nullptr);
+  char tmpl[] = "/tmp/orvo-probe-fuzz-XXXXXX";
+  int fd = mkstemp(tmpl);
+  if (fd < 0) abort();
+  close(fd);
+  gPath = tmpl;
+  atexit([] { unlink(gPath.c_str()); });
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FILE* f = fopen(gPath.c_str(), "wb");
+  if (f == nullptr) return 0;
+  fwrite(data, 1, size, f);
+  fclose(f);
+  MediaInfo info{};
+  ReadMediaInfo(gPath.c_str(), &info);
+  MediaInfo mp4{};
+  ReadMp4Info(gPath.c_str(), &mp4);
+  MediaInfo flac{};
+  ReadFlacInfo(gPath.c_str(), &flac);
+  return 0;
+}

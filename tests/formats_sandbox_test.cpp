@@ -1,0 +1,117 @@
+// One queue run adding a folder tree that holds a file of every audio, video and
+// playlist extension: each lands in the table of its handler, with the
+// values its reader gives.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "support/sandbox.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace orvo::test;
+
+const std::string kFolder = "/volume1/music/all";
+
+bool Make(const std::string& args, const std::string& out) {
+  std::string cmd = "ffmpeg -nostdin -loglevel error -y " + args + " '" + out + "' >/dev/null 2>&1";
+  return system(cmd.c_str()) == 0;
+}
+
+std::string Value(const char* table, const std::string& file, const char* column) {
+  auto rows = QuerySqlite(kMediaDbFile, std::string("select ") + column + " from " + table + " where path = '" +
+                                            kFolder + "/" + file + "'");
+  return rows.empty() ? "<none>" : rows[0].at(0);
+}
+
+std::set<std::string> Names(const char* table) {
+  std::set<std::string> names;
+  for (const auto& row : QuerySqlite(kMediaDbFile, std::string("select path from ") + table)) {
+    names.insert(fs::path(row.at(0)).filename().string());
+  }
+  return names;
+}
+
+class FormatsSandbox : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+    std::ofstream(kQueueFile).flush();
+    pid_ = StartDaemon(kFastClock);
+    ASSERT_GT(pid_, 0);
+    ASSERT_TRUE(WaitForHups(1));
+  }
+  void TearDown() override {
+    if (pid_ > 0) StopDaemon(pid_);
+  }
+  pid_t pid_ = -1;
+};
+
+TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
+  fs::create_directories(kFolder);
+  const std::string sine = "-f lavfi -i sine=sample_rate=44100:duration=2 ";
+  const std::string tmp = "/tmp/formats-src";
+  fs::create_directories(tmp);
+  ASSERT_TRUE(Make(sine + "-ac 2 -c:a pcm_s16le", tmp + "/a.wav"));
+  ASSERT_TRUE(Make(sine + "-c:a aac -metadata title=Tagged", tmp + "/a.m4a"));
+  ASSERT_TRUE(Make(sine + "-c:a flac -metadata TITLE=FlacTitle", tmp + "/a.flac"));
+  ASSERT_TRUE(Make(sine + "-c:a pcm_s16be", tmp + "/a.aiff"));
+  ASSERT_TRUE(Make("-f lavfi -i testsrc=duration=2:size=352x240:rate=30000/1001 " + sine + "-target ntsc-vcd",
+                   tmp + "/a.mpg"));
+
+  std::map<std::string, std::string> source;
+  for (const char* ext : {"mp1", "mp2", "mpa", "wma", "wav", "raw", "ogg", "ac3", "ram", "ra"}) source[ext] = "a.wav";
+  for (const char* ext : {"m4a", "aac", "m4p"}) source[ext] = "a.m4a";
+  source["flac"] = "a.flac";
+  for (const char* ext : {"aiff", "aif"}) source[ext] = "a.aiff";
+  for (const char* ext : {"avi", "mpg", "mpeg", "dat", "asf", "wmv", "vob", "mov", "rm", "rmvb", "mp4", "divx",
+                          "xvid", "flv", "mkv"}) {
+    source[ext] = "a.mpg";
+  }
+  for (const auto& [ext, src] : source) fs::copy_file(tmp + "/" + src, kFolder + "/f." + ext);
+  std::ofstream(kFolder + "/Party Mix.m3u") << "f.wav\n";
+  std::ofstream(kFolder + "/list.wpl") << "<smil/>\n";
+
+  ASSERT_TRUE(AppendQueueLine("A:" + kFolder));
+  ASSERT_TRUE(SignalDaemon());
+  ASSERT_TRUE(WaitForHups(2));
+
+  std::set<std::string> music, video;
+  for (const char* ext : {"mp1", "mp2", "mpa", "wma", "wav", "raw", "ogg", "ac3", "ram", "ra", "m4a", "aac", "m4p",
+                          "flac", "aiff", "aif"}) {
+    music.insert(std::string("f.") + ext);
+  }
+  for (const char* ext : {"avi", "mpg", "mpeg", "dat", "asf", "wmv", "vob", "mov", "rm", "rmvb", "mp4", "divx",
+                          "xvid", "flv"}) {
+    video.insert(std::string("f.") + ext);
+  }
+  EXPECT_EQ(Names("music"), music);
+  EXPECT_EQ(Names("video"), video);  // f.mkv has no handler
+  EXPECT_EQ(Names("playlist"), (std::set<std::string>{"Party Mix.m3u", "list.wpl"}));
+
+  EXPECT_EQ(Value("music", "f.wav", "bitrate"), "1411200");
+  EXPECT_EQ(Value("music", "f.wav", "album"), "all");
+  EXPECT_EQ(Value("music", "f.m4a", "title"), "Tagged");
+  EXPECT_EQ(Value("music", "f.aac", "frequency"), "44100");  // an MP4 file under .aac is read as MP4
+  EXPECT_EQ(Value("music", "f.m4a", "frequency"), "44100");
+  EXPECT_EQ(Value("music", "f.flac", "title"), "FlacTitle");
+  EXPECT_EQ(Value("music", "f.aif", "frequency"), "44100");
+  EXPECT_EQ(Value("video", "f.dat", "video_bitrate"), "2875000");  // the VCD parser's unit
+  EXPECT_EQ(Value("video", "f.mpg", "width"), "352");
+  EXPECT_EQ(Value("playlist", "Party Mix.m3u", "title"), "Party Mix");
+  EXPECT_EQ(Value("playlist", "Party Mix.m3u", "mtime"), "0");
+
+  // A gone FLAC file is removed from the music table by the generic audio remover.
+  fs::remove(kFolder + "/f.flac");
+  ASSERT_TRUE(AppendQueueLine("d:" + kFolder + "/f.flac"));
+  ASSERT_TRUE(SignalDaemon());
+  ASSERT_TRUE(WaitForHups(3));
+  EXPECT_EQ(Names("music").count("f.flac"), 0u);
+  EXPECT_EQ(SandboxLogCount("Failed to save media info to database."), 0);
+}
+
+}  // namespace
