@@ -178,6 +178,27 @@ TEST(Duration, VbriIsReadOnlyWithoutXing) {
   EXPECT_NEAR(rec.duration, 5000 * 1152.0 / 44100, 1e-3);
 }
 
+TEST(Duration, VbrHeaderAcrossTheReadBufferEdgeIsFound) {
+  // The search reads from the end of the tag; place the header so that its
+  // four letters straddle the first 16384-byte buffer.
+  std::string tag = Id3v2(3, Frame23("TIT2", Text("x")));
+  for (int straddle : {1, 2, 3}) {
+    size_t garbage = size_t(kByteReaderBufferSize - straddle - 36);
+    MediaInfo rec;
+    ASSERT_EQ(ReadRecord(tag + std::string(garbage, '\x22') + XingStream(10000, 150), &rec), 0);
+    EXPECT_NEAR(rec.duration, 10000 * 1152.0 / 44100, 1e-3) << straddle;
+    ASSERT_EQ(ReadRecord(tag + std::string(garbage, '\x22') + VbriStream(5000, 150), &rec), 0);
+    EXPECT_NEAR(rec.duration, 5000 * 1152.0 / 44100, 1e-3) << straddle;
+  }
+}
+
+TEST(Duration, XingWithoutFramesFallsBackToALaterVbri) {
+  std::string bytes = XingStream(10000, 3, false) + VbriStream(5000, 20);
+  MediaInfo rec;
+  ASSERT_EQ(ReadRecord(bytes, &rec), 0);
+  EXPECT_NEAR(rec.duration, 5000 * 1152.0 / 44100, 1e-3);
+}
+
 TEST(Duration, TwelveHoursOrMoreIsNotBelieved) {
   // 1653750 frames of 1152 samples at 44100 Hz are exactly 43200 s: the
   // length estimate stays.

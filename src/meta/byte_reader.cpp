@@ -1,6 +1,9 @@
 // ByteReader: one read-ahead buffer over a file or a memory buffer.
 #include "meta/byte_reader.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 
 void ByteReaderAttachFile(ByteReader* reader, FILE* file, int64_t length) {
@@ -37,16 +40,28 @@ static int64_t ReadSource(ByteReader* reader, int64_t offset, unsigned char* out
     memcpy(out, reader->memory + offset, n);
     return static_cast<int64_t>(n);
   }
-  if (fseeko(reader->file, offset, SEEK_SET) != 0) return -1;
-  return static_cast<int64_t>(fread(out, 1, count, reader->file));
+  // One positioned read on the stream's descriptor per refill: no seek, no
+  // second buffer in stdio. The stream's own position is never used. A short
+  // count is the end of the file.
+  ssize_t n;
+  do {
+    n = pread(fileno(reader->file), out, count, offset);
+  } while (n < 0 && errno == EINTR);
+  return n < 0 ? -1 : static_cast<int64_t>(n);
 }
 
 int64_t ByteReaderFill(ByteReader* reader, int64_t offset) {
+  return ByteReaderFillSome(reader, offset, kByteReaderBufferSize);
+}
+
+int64_t ByteReaderFillSome(ByteReader* reader, int64_t offset, int64_t count) {
   if (offset < 0) return -1;
   if (reader->source_ended && offset >= reader->source_end) return 0;
-  int64_t n = ReadSource(reader, offset, reader->buffer, sizeof reader->buffer);
+  if (count > kByteReaderBufferSize) count = kByteReaderBufferSize;
+  if (count < 1) count = 1;
+  int64_t n = ReadSource(reader, offset, reader->buffer, static_cast<size_t>(count));
   if (n < 0) return -1;
-  if (n < kByteReaderBufferSize) {
+  if (n < count) {
     reader->source_ended = 1;
     reader->source_end = offset + n;
   }

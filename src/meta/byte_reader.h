@@ -53,6 +53,10 @@ inline bool ByteReaderCached(const ByteReader* reader, int64_t offset) {
 // buffer. For readers that log their own failures around a refill.
 int64_t ByteReaderFill(ByteReader* reader, int64_t offset);
 
+// The same, reading at most `count` bytes (capped at the buffer's size), for
+// a caller that knows how far it will look.
+int64_t ByteReaderFillSome(ByteReader* reader, int64_t offset, int64_t count);
+
 // The byte at `offset` (0..255), or kUnreadableByte when it cannot be read.
 // Refills the buffer from `offset` when the byte is not cached.
 int ReadByteRefill(ByteReader* reader, int64_t offset);

@@ -3,6 +3,7 @@
 #include "meta/metaid3.h"
 
 #include <strings.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -271,9 +272,8 @@ void ReadId3v2Frames(Id3v2Info* info, ByteReader* reader, int major_version) {
     // Padding, garbage or an unreadable byte (17) ends the tag.
     int first = ReadByte(reader, pos);
     if (first < '0' || first > 'Z') break;
-    char id[5];
-    snprintf(id, sizeof id, "%c%c%c%c", first, ReadByte(reader, pos + 1), ReadByte(reader, pos + 2),
-             ReadByte(reader, pos + 3));
+    char id[5] = {static_cast<char>(first), static_cast<char>(ReadByte(reader, pos + 1)),
+                  static_cast<char>(ReadByte(reader, pos + 2)), static_cast<char>(ReadByte(reader, pos + 3)), '\0'};
     int64_t size = major_version == 3 ? static_cast<int64_t>(ReadPlain32(reader, pos + 4))
                                       : ReadSyncsafe32(reader, pos + 4);
     if (strncasecmp(id, "APIC", 4) != 0) {
@@ -309,8 +309,8 @@ void ReadId3v22Frames(Id3v2Info* info, ByteReader* reader) {
   for (int64_t pos = 10; pos < total;) {
     int first = ReadByte(reader, pos);
     if (first < '0' || first > 'Z') break;
-    char id[4];
-    snprintf(id, sizeof id, "%c%c%c", first, ReadByte(reader, pos + 1), ReadByte(reader, pos + 2));
+    char id[4] = {static_cast<char>(first), static_cast<char>(ReadByte(reader, pos + 1)),
+                  static_cast<char>(ReadByte(reader, pos + 2)), '\0'};
     // Deliberate: the three size bytes are or-ed, not shifted, so a frame of
     // 256 bytes or more gets a wrong size and the large-frame stop is never
     // reached. Stored records of such files depend on it.
@@ -422,7 +422,7 @@ int ReadMp3InfoFromReader(ByteReader* reader, const char* name, MediaInfo* rec) 
     ORVO_LOG("%s (%d) Can't find valid mpeg header: %s", name);
     return -1;
   }
-  if (ReadXingHeader(reader, tag_length, &mpeg) == -1) ReadVbriHeader(reader, tag_length, &mpeg);
+  ReadVbrHeaders(reader, tag_length, &mpeg);  // Xing, else VBRI
 
   MergeMp3Info(rec, &mpeg, &v1, &v2);
   return 0;
@@ -438,16 +438,13 @@ int ReadMp3Info(const char* path, MediaInfo* rec) {
     ORVO_LOG("%s (%d) Unable to open %s ", path);
     return -1;
   }
-  // The reader's own buffer does the read-ahead; a second one in stdio would
-  // only copy the bytes again.
+  // The reader's own buffer does the read-ahead and reads by position; the
+  // stream's buffer and position are never used, so the length is taken
+  // from the descriptor in one call.
   setvbuf(file.get(), nullptr, _IONBF, 0);
-  if (fseeko(file.get(), 0, SEEK_END) != 0) {
+  int64_t length = lseek(fileno(file.get()), 0, SEEK_END);
+  if (length < 0) {
     ORVO_LOG("%s (%d) Unable to seek to end %s ", path);
-    return -1;
-  }
-  int64_t length = ftello(file.get());
-  if (length == -1) {
-    ORVO_LOG("%s (%d) Seeking to end of input file %s failed.", path);
     return -1;
   }
   ByteReader reader;  // the buffer needs no zeroing: nothing is cached yet

@@ -2,6 +2,9 @@
 // frame counts. The forward search, which logs, is in metaid3.cpp.
 #include "meta/mpeg_audio.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace {
 
 enum SyncKind { kNoSync, kSyncMpeg12, kSyncMpeg25 };
@@ -33,26 +36,87 @@ constexpr int kSampleRates[3][3] = {
 // Believable play times end below twelve hours.
 constexpr double kMaxDuration = 43200.0;
 
-// Common part of the Xing and VBRI readers: finds `tag` and replaces the
-// duration by the frame count found `count_offset` bytes after it.
-int ReadVbrFrameCount(ByteReader* reader, int64_t start, MpegInfo* info, const char* tag,
-                      int count_offset, bool needs_frames_flag) {
-  if (info->bitrate_kbps == 0 || info->sample_rate == 0 || info->version == 0 || info->layer == 0)
-    return -1;
-  int64_t quarter = reader->length / 4;
-  int64_t limit = start + 20000;
-  int64_t pos = start;
-  for (; pos < quarter && pos < limit; ++pos) {
-    if (ReadByte(reader, pos) == tag[0] && ReadByte(reader, pos + 1) == tag[1] &&
-        ReadByte(reader, pos + 2) == tag[2] && ReadByte(reader, pos + 3) == tag[3])
-      break;
+// Makes the four bytes at `pos` cached, refilling from `pos` when needed.
+// False when fewer than four bytes are left there: no tag can start at or
+// after `pos` (unreadable bytes read as 17, which matches no letter).
+bool CacheFour(ByteReader* reader, int64_t pos, int64_t limit) {
+  if (ByteReaderCached(reader, pos) && pos + 4 <= reader->end) return true;
+  // Only up to the end of the search range is read.
+  return ByteReaderFillSome(reader, pos, limit - pos + 3) >= 4;
+}
+
+// The first place in `span` bytes where the four bytes of `tag` start
+// wholly inside them. memchr for the first letter: much faster here than a
+// general substring search.
+const unsigned char* FindInSpan(const unsigned char* base, size_t span, const char* tag) {
+  if (span < 4) return nullptr;
+  const unsigned char* last = base + span - 4;
+  for (const unsigned char* p = base; p <= last; ++p) {
+    p = static_cast<const unsigned char*>(memchr(p, tag[0], static_cast<size_t>(last - p) + 1));
+    if (p == nullptr) return nullptr;
+    if (memcmp(p + 1, tag + 1, 3) == 0) return p;
   }
-  if (pos >= quarter || pos >= limit) return -1;
-  if (needs_frames_flag && (ReadByte(reader, pos + 7) & 1) == 0) return -1;
-  uint32_t frames = ReadPlain32(reader, pos + count_offset);
+  return nullptr;
+}
+
+// The first offset in [from, limit) where the four bytes of `tag` start, or
+// -1. Each buffered stretch is searched in place.
+int64_t FindTag(ByteReader* reader, int64_t from, int64_t limit, const char* tag) {
+  for (int64_t pos = from < 0 ? 0 : from; pos < limit;) {
+    if (!CacheFour(reader, pos, limit)) return -1;
+    int64_t stop = std::min(limit, reader->end - 3);
+    const unsigned char* base = reader->buffer + (pos - reader->start);
+    const unsigned char* hit = FindInSpan(base, static_cast<size_t>(stop - pos) + 3, tag);
+    if (hit != nullptr) return pos + (hit - base);
+    pos = stop;
+  }
+  return -1;
+}
+
+bool Complete(const MpegInfo* info) {
+  return info->bitrate_kbps != 0 && info->sample_rate != 0 && info->version != 0 && info->layer != 0;
+}
+
+// The VBR headers are looked for from the tag's end, within 20000 bytes and
+// the first quarter of the file.
+int64_t SearchLimit(const ByteReader* reader, int64_t start) {
+  return std::min(reader->length / 4, start + 20000);
+}
+
+bool XingHasFrames(ByteReader* reader, int64_t xing) {
+  // Flags are the 4 bytes after "Xing"; bit 0 of the last says frames are present.
+  return (ReadByte(reader, xing + 7) & 1) != 0;
+}
+
+// Replaces the duration by the frame count at `count_at` when it gives a
+// believable time.
+void ApplyFrameCount(ByteReader* reader, int64_t count_at, MpegInfo* info) {
+  uint32_t frames = ReadPlain32(reader, count_at);
   double seconds = static_cast<double>(frames) * MpegSamplesPerFrame(info) / info->sample_rate;
   if (seconds > 0.0 && seconds < kMaxDuration) info->duration = seconds;
-  return 0;
+}
+
+// One pass for both headers: the first "Xing", and the first "VBRI" that
+// starts before it (-1 when absent).
+void FindVbrTags(ByteReader* reader, int64_t from, int64_t limit, int64_t* xing, int64_t* vbri) {
+  *xing = -1;
+  *vbri = -1;
+  for (int64_t pos = from < 0 ? 0 : from; pos < limit;) {
+    if (!CacheFour(reader, pos, limit)) return;
+    int64_t stop = std::min(limit, reader->end - 3);
+    const unsigned char* base = reader->buffer + (pos - reader->start);
+    size_t span = static_cast<size_t>(stop - pos) + 3;
+    const unsigned char* x = FindInSpan(base, span, "Xing");
+    if (*vbri < 0) {
+      size_t before = x != nullptr ? static_cast<size_t>(x - base) + 3 : span;
+      if (const unsigned char* v = FindInSpan(base, before, "VBRI")) *vbri = pos + (v - base);
+    }
+    if (x != nullptr) {
+      *xing = pos + (x - base);
+      return;
+    }
+    pos = stop;
+  }
 }
 
 }  // namespace
@@ -133,10 +197,32 @@ int MpegSamplesPerFrame(const MpegInfo* info) {
 }
 
 int ReadXingHeader(ByteReader* reader, int64_t start, MpegInfo* info) {
-  // Flags are the 4 bytes after "Xing"; bit 0 of the last says frames are present.
-  return ReadVbrFrameCount(reader, start, info, "Xing", 8, true);
+  if (!Complete(info)) return -1;
+  int64_t xing = FindTag(reader, start, SearchLimit(reader, start), "Xing");
+  if (xing < 0 || !XingHasFrames(reader, xing)) return -1;
+  ApplyFrameCount(reader, xing + 8, info);
+  return 0;
 }
 
 int ReadVbriHeader(ByteReader* reader, int64_t start, MpegInfo* info) {
-  return ReadVbrFrameCount(reader, start, info, "VBRI", 14, false);
+  if (!Complete(info)) return -1;
+  int64_t vbri = FindTag(reader, start, SearchLimit(reader, start), "VBRI");
+  if (vbri < 0) return -1;
+  ApplyFrameCount(reader, vbri + 14, info);
+  return 0;
+}
+
+int ReadVbrHeaders(ByteReader* reader, int64_t start, MpegInfo* info) {
+  if (!Complete(info)) return -1;
+  int64_t limit = SearchLimit(reader, start);
+  int64_t xing, vbri;
+  FindVbrTags(reader, start, limit, &xing, &vbri);
+  if (xing >= 0 && XingHasFrames(reader, xing)) {
+    ApplyFrameCount(reader, xing + 8, info);
+    return 0;
+  }
+  if (vbri < 0 && xing >= 0) vbri = FindTag(reader, xing + 1, limit, "VBRI");
+  if (vbri < 0) return -1;
+  ApplyFrameCount(reader, vbri + 14, info);
+  return 0;
 }

@@ -56,5 +56,9 @@ int ReadXingHeader(ByteReader* reader, int64_t start, MpegInfo* info);
 // The same for a "VBRI" header (frame count 14 bytes after its start).
 int ReadVbriHeader(ByteReader* reader, int64_t start, MpegInfo* info);
 
+// ReadXingHeader, and ReadVbriHeader when that returns -1, in one pass over
+// the search range: 0 when either header gave its frame count, else -1.
+int ReadVbrHeaders(ByteReader* reader, int64_t start, MpegInfo* info);
+
 // Samples per frame for a decoded header; 0 when version or layer is unknown.
 int MpegSamplesPerFrame(const MpegInfo* info);
