@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -55,6 +56,14 @@ struct DbPipelineEntry {
   std::string prepareSql;  // kPrepare: statement text, forgotten when the prepare fails
 };
 
+// Lets the statement caches be searched by string_view without a copy.
+struct DbTextHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
+template <typename T>
+using DbTextMap = std::unordered_map<std::string, T, DbTextHash, std::equal_to<>>;
+
 struct ORVODB {
   OrvoDatabase which = OrvoDatabase::kMedia;
   DbBackend backend = DbBackend::kSqlite;
@@ -62,10 +71,10 @@ struct ORVODB {
   std::string error;     // last failure, for ORVODBErrorGet
 
   sqlite3* lite = nullptr;
-  std::unordered_map<std::string, sqlite3_stmt*> liteStatements;
+  DbTextMap<sqlite3_stmt*> liteStatements;
 
   pg_conn* pg = nullptr;
-  std::unordered_map<std::string, std::string> pgStatements;  // text -> prepared name
+  DbTextMap<std::string> pgStatements;  // text -> prepared name
   int pgNextStatement = 0;
   bool pipeline = false;
   std::deque<DbPipelineEntry> pipelineQueue;

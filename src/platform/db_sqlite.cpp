@@ -199,7 +199,7 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
   sqlite3_stmt* stmt = nullptr;
   const bool cached = !params.empty();
   if (cached) {
-    auto it = db->liteStatements.find(std::string(sql));
+    auto it = db->liteStatements.find(sql);
     if (it != db->liteStatements.end()) stmt = it->second;
   }
   if (stmt == nullptr) {

@@ -63,9 +63,9 @@ void SetOrRestore(const char* name, bool had, const std::string& value) {
 }  // namespace
 
 std::vector<std::string> DatabaseBackends() {
-  std::vector<std::string> backends{"sqlite"};
-  if (PgUri() != nullptr || RequirePg()) backends.push_back("postgresql");
-  return backends;
+  // PostgreSQL is always listed, so that test discovery at build time does
+  // not depend on the build's environment; SetUp skips it without a server.
+  return {"sqlite", "postgresql"};
 }
 
 void DatabaseTest::SetUp() {
@@ -82,7 +82,10 @@ void DatabaseTest::SetUp() {
     media_ = "sqlite:" + tempDir_ + "/db/mediaserver.db";
     photo_ = "sqlite:" + tempDir_ + "/db/photo.db";
   } else {
-    ASSERT_NE(PgUri(), nullptr) << "ORVO_TEST_REQUIRE_PG=1 but ORVO_TEST_PG_URI is not set";
+    if (PgUri() == nullptr) {
+      if (RequirePg()) FAIL() << "ORVO_TEST_REQUIRE_PG=1 but ORVO_TEST_PG_URI is not set";
+      GTEST_SKIP() << "set ORVO_TEST_PG_URI to a PostgreSQL server to run this case there";
+    }
     for (const char* kind : {"media", "photo"}) {
       std::string name = "orvo_test_" + std::to_string(getpid()) + "_" + std::to_string(n) + "_" + kind;
       PgAdmin("drop database if exists " + name);

@@ -9,6 +9,8 @@
 // PostgreSQL runs when ORVO_TEST_PG_URI names a server (a libpq URI) where the
 // test may CREATE DATABASE; with ORVO_TEST_REQUIRE_PG=1 a missing or
 // unreachable server fails the tests instead of leaving them to SQLite alone.
+// The server's databases are made ENCODING 'SQL_ASCII': paths that are not
+// UTF-8 can only be stored in such a database.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,9 +22,11 @@
 
 namespace orvo::test {
 
-// Backends to run database suites on: always "sqlite"; "postgresql" when
-// ORVO_TEST_PG_URI is set (or ORVO_TEST_REQUIRE_PG=1, so that its absence
-// fails).
+// Backends to run database suites on: "sqlite" and "postgresql". The
+// PostgreSQL cases run when ORVO_TEST_PG_URI is set and are skipped (with a
+// message) when it is not, or fail when ORVO_TEST_REQUIRE_PG=1; they are
+// always listed so that ctest's discovery does not depend on the environment
+// of the build.
 std::vector<std::string> DatabaseBackends();
 
 // SetUp points ORVO_MEDIA_DB and ORVO_PHOTO_DB at two fresh, empty databases
