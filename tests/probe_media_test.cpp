@@ -25,6 +25,15 @@ MediaInfo Probe(const std::string& path, int type = kMediaMusic) {
   return info;
 }
 
+// The fields the probe writes, for comparing two probes of one file.
+std::string Stored(const MediaInfo& m) {
+  char buf[1400];
+  snprintf(buf, sizeof buf, "t=%s|al=%s|ar=%s|y=%s|g=%s|tr=%d|d=%.3f|br=%d|vbr=%d|f=%d|ch=%d|%dx%d", m.title,
+           m.album, m.artist, m.year, m.genre, m.track, m.duration, m.bitrate, m.video_bitrate, m.frequency,
+           m.channels, m.width, m.height);
+  return buf;
+}
+
 TEST(ProbePcmBitRate, WorkedOutFromFormatNotFromCodecFigure) {
   REQUIRE_FFMPEG();
   TempDir dir;
@@ -159,6 +168,40 @@ TEST(GenericRemovers, ExistingFileIsNeverRemoved) {
   EXPECT_EQ(RemoveVideo(path.c_str()), -1);
   EXPECT_EQ(RemoveAudio(path.c_str()), -1);
   EXPECT_EQ(log.Count("File exists. Skip remove it from database."), 2);
+}
+
+// The tuned probe reads less of PCM-only files; nothing stored may change,
+// including for WAV files whose "PCM" data is really AC-3 or MPEG audio.
+TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
+  std::vector<std::string> files;
+  for (const char* folder : {"misc-audio", "video", "mpeg"}) {
+    for (const auto& f : CorpusFiles(folder)) files.push_back(f);
+  }
+  TempDir dir;
+  if (HaveFfmpeg()) {
+    const std::string ten = std::string(kSine) + "48000:duration=10 -ac 2 ";
+    for (const char* codec : {"pcm_s16le", "pcm_u8", "pcm_mulaw", "pcm_alaw", "pcm_s24le", "pcm_f32le"}) {
+      std::string wav = dir.File(std::string("w/") + codec + ".wav");
+      ASSERT_TRUE(Ffmpeg(ten + "-c:a " + codec + " -metadata title=T " + wav));
+      files.push_back(wav);
+    }
+    std::string ac3 = dir.File("w/ac3.spdif"), mp2 = dir.File("w/a.mp2");
+    std::string ac3wav = dir.File("w/ac3-as-pcm.wav"), mp2wav = dir.File("w/mp2-as-pcm.wav");
+    ASSERT_TRUE(Ffmpeg(ten + "-c:a ac3 -f spdif " + ac3));
+    ASSERT_TRUE(Ffmpeg("-f s16le -ar 48000 -ac 2 -i " + ac3 + " -c copy " + ac3wav));
+    ASSERT_TRUE(Ffmpeg(ten + "-c:a mp2 " + mp2));
+    ASSERT_TRUE(Ffmpeg("-f s16le -ar 48000 -ac 2 -i " + mp2 + " -c copy " + mp2wav));
+    files.push_back(ac3wav);
+    files.push_back(mp2wav);
+  }
+  if (files.empty()) GTEST_SKIP() << "neither the corpus nor ffmpeg";
+  orvo::test::LogCapture quiet;
+  for (const auto& f : files) {
+    MediaInfo tuned{}, plain{};
+    EXPECT_EQ(ReadMediaInfo(f.c_str(), &tuned, ProbeMode::kTuned),
+              ReadMediaInfo(f.c_str(), &plain, ProbeMode::kLibraryDefaults)) << f;
+    EXPECT_EQ(Stored(tuned), Stored(plain)) << f;
+  }
 }
 
 TEST(ProbeProgramStreams, VcdAndDvdStreamsGiveVideoAndAudioValues) {

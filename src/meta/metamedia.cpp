@@ -67,7 +67,18 @@ int64_t AudioBitRate(const AVCodecParameters* par) {
   return par->bit_rate;
 }
 
-int ProbeStreams(const char* path, MediaInfo* info) {
+// True when every stream is plain PCM, whose parameters all come from the
+// header (WAV, mostly).
+bool OnlyPcm(const AVFormatContext* ctx) {
+  if (ctx->nb_streams == 0) return false;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    AVCodecID id = ctx->streams[i]->codecpar->codec_id;
+    if (id < AV_CODEC_ID_FIRST_AUDIO || id >= AV_CODEC_ID_ADPCM_IMA_QT) return false;
+  }
+  return true;
+}
+
+int ProbeStreams(const char* path, MediaInfo* info, ProbeMode mode) {
   int result = -1;
   AVFormatContext* raw = nullptr;
   // Registration happens inside libavformat since its demuxers became a
@@ -77,9 +88,12 @@ int ProbeStreams(const char* path, MediaInfo* info) {
     return -1;
   }
   AvInput ctx(raw);
-  // libavformat's own read limits stay: smaller probe sizes, analysis
-  // durations or frame-rate probes each changed stored durations or bit rates
-  // (ADTS and FLV files estimate them from what was read).
+  // The stream analysis keeps probing PCM packets for other codecs up to its
+  // probe size, some 200 KiB of a WAV file and 40 ms; the first 32 KiB tell
+  // as much. Other formats keep libavformat's limits: smaller probe sizes,
+  // analysis durations or frame-rate probes each changed stored durations or
+  // bit rates (ADTS and FLV files estimate them from what was read).
+  if (mode == ProbeMode::kTuned && OnlyPcm(ctx.get())) ctx->probesize = 32768;
   if (avformat_find_stream_info(ctx.get(), nullptr) < 0) {
     ORVO_LOG("%s (%d) Could not find codec parameters.  %s", path);
     return -1;
@@ -147,9 +161,9 @@ ContainerTags GetContainerTags(const AVFormatContext* ctx) {
   return tags;
 }
 
-int ReadMediaInfo(const char* path, MediaInfo* info) {
+int ReadMediaInfo(const char* path, MediaInfo* info, ProbeMode mode) {
   QuietAvLog();
-  if (ProbeStreams(path, info) < 0) {
+  if (ProbeStreams(path, info, mode) < 0) {
     ORVO_LOG("%s (%d) Failed to get Misc Media Info from [%s].", path);
     return -1;
   }

@@ -12,10 +12,16 @@ extern "C" {
 
 #include "platform/media_info.h"
 
+// How much libavformat may read to find the streams' parameters.
+enum class ProbeMode {
+  kTuned,            // our limits where they leave every stored value as it is
+  kLibraryDefaults,  // whatever libavformat reads on its own
+};
+
 // Probe entry point of the generic handlers. Returns 0, or -1 after logging
 // "Failed to get Misc Media Info from [path]." Fields copied before a failure
 // stay in the record.
-int ReadMediaInfo(const char* path, MediaInfo* info);
+int ReadMediaInfo(const char* path, MediaInfo* info, ProbeMode mode = ProbeMode::kTuned);
 
 // Owner of an opened input: closes it with avformat_close_input.
 struct AvInputCloser {
