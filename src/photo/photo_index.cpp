@@ -214,9 +214,16 @@ int ORVOPhotoIndexAdd(const char* path, int saveFlag) {
   ReadExifInfo(&info);
 
   if (stat64(path, &st) != 0) return -1;
+  // ctime()'s text, made with the reentrant calls: plain localtime looks
+  // the zone file up again on every call.
   time_t changed = st.st_ctime;
+  struct tm local = {};
+  bool haveLocal = localtime_r(&changed, &local) != nullptr;
   char changeText[32] = {};
-  if (const char* text = ctime(&changed)) snprintf(changeText, sizeof changeText, "%s", text);
+  char asciiTime[64] = {};
+  if (haveLocal && asctime_r(&local, asciiTime) != nullptr) {
+    snprintf(changeText, sizeof changeText, "%s", asciiTime);
+  }
   photo_path::CopyText(info.changeTimeText, changeText);
 
   int width = 0;
@@ -231,10 +238,7 @@ int ORVOPhotoIndexAdd(const char* path, int saveFlag) {
 
   if (info.takenDate[0] == '\0') {
     memset(info.takenDate, 0, sizeof info.takenDate);
-    struct tm local = {};
-    if (localtime_r(&changed, &local) != nullptr) {
-      strftime(info.takenDate, sizeof info.takenDate, "%F %T", &local);
-    }
+    if (haveLocal) strftime(info.takenDate, sizeof info.takenDate, "%F %T", &local);
   }
 
   if (PhotoInfoDBSave(&info, saveFlag) == 0) return 0;
