@@ -18,8 +18,7 @@ Id3v2Info ReadV2(const std::string& bytes) {
   Id3v2Info info;
   memset(&info, 0xAB, sizeof info);  // the readers must zero it themselves
   int version = 0;
-  int64_t length = ProbeId3v2(&reader, &version);
-  EXPECT_GT(length, 0);
+  EXPECT_GT(ProbeId3v2(&reader, &version), 0);
   if (version == 2)
     ReadId3v22Frames(&info, &reader);
   else
@@ -27,15 +26,9 @@ Id3v2Info ReadV2(const std::string& bytes) {
   return info;
 }
 
-std::string Utf16Le(const std::string& ascii) {
-  std::string out = "\xFF\xFE";
-  for (char c : ascii) out += std::string{c, '\0'};
-  return out;
-}
-
-std::string Utf16Be(const std::string& ascii) {
-  std::string out = "\xFE\xFF";
-  for (char c : ascii) out += std::string{'\0', c};
+std::string Utf16(const std::string& ascii, bool little) {
+  std::string out = little ? "\xFF\xFE" : "\xFE\xFF";
+  for (char c : ascii) out += little ? std::string{c, '\0'} : std::string{'\0', c};
   return out;
 }
 
@@ -48,20 +41,6 @@ MediaInfo Merge(const Id3v2Info& v2, const Id3v1Tag& v1, const char* default_tit
   return rec;
 }
 
-std::string GenreFromV2(const std::string& genre) {
-  Id3v2Info v2 = {};
-  Id3v1Tag v1 = {};
-  snprintf(v2.genre, sizeof v2.genre, "%s", genre.c_str());
-  return Merge(v2, v1).genre;
-}
-
-std::string GenreFromV1(int byte) {
-  Id3v2Info v2 = {};
-  Id3v1Tag v1 = {};
-  v1.genre = static_cast<unsigned char>(byte);
-  return Merge(v2, v1).genre;
-}
-
 TEST(Id3v2FrameSize, Version4SizesAreSyncsafeAndVersion3SizesArePlain) {
   // 200 bytes: syncsafe 00 00 01 48, which read as a plain integer is 328.
   std::string title(199, 't');
@@ -69,67 +48,38 @@ TEST(Id3v2FrameSize, Version4SizesAreSyncsafeAndVersion3SizesArePlain) {
   Id3v2Info v4 = ReadV2(Id3v2(4, frames, 400));
   EXPECT_EQ(std::string(v4.title), title);
   EXPECT_STREQ(v4.artist, "Artist");
-
-  std::string as_v3 = Id3v2(3, frames, 400);
-  Id3v2Info v3 = ReadV2(as_v3);
-  EXPECT_STREQ(v3.artist, "") << "a plain size must not be read as syncsafe";
+  EXPECT_STREQ(ReadV2(Id3v2(3, frames, 400)).artist, "");
 }
 
-TEST(Id3v2FrameSize, FrameAbove1023BytesEndsTheTag) {
+TEST(Id3v2FrameSize, TextFrameAbove1023BytesEndsTheTagButPicturesAreSkipped) {
   std::string comment = Frame23("COMM", Text(std::string(1999, 'c')));
-  Id3v2Info after = ReadV2(Id3v2(3, comment + Frame23("TIT2", Text("Title"))));
-  EXPECT_STREQ(after.title, "");
+  EXPECT_STREQ(ReadV2(Id3v2(3, comment + Frame23("TIT2", Text("Title")))).title, "");
 
-  Id3v2Info before = ReadV2(Id3v2(3, Frame23("TIT2", Text("Title")) + comment + Frame23("TPE1", Text("A"))));
-  EXPECT_STREQ(before.title, "Title");
-  EXPECT_STREQ(before.artist, "");
-
-  // Exactly 1023 bytes is still a text frame.
   Id3v2Info edge = ReadV2(Id3v2(3, Frame23("TIT2", Text(std::string(1022, 'x'))) + Frame23("TPE1", Text("A"))));
-  EXPECT_EQ(strlen(edge.title), 1022u);
+  EXPECT_EQ(strlen(edge.title), 1022u) << "1023 bytes is still a text frame";
   EXPECT_STREQ(edge.artist, "A");
-}
 
-TEST(Id3v2FrameSize, PicturesOfAnySizeAreSkippedNotStopping) {
   std::string picture = std::string(1, '\0') + "image/jpeg" + std::string(5000, '\xFF');
-  Id3v2Info info = ReadV2(Id3v2(3, Frame23("APIC", picture) + Frame23("TIT2", Text("After picture"))));
-  EXPECT_STREQ(info.title, "After picture");
+  EXPECT_STREQ(ReadV2(Id3v2(3, Frame23("APIC", picture) + Frame23("TIT2", Text("After")))).title, "After");
 }
 
 TEST(Id3v2FrameSize, Version22SizeBytesAreOredNotShifted) {
   // Size bytes 00 01 00 read as 1: the next frame starts one byte later.
   std::string frames = std::string("TT2") + std::string{'\0', '\x01', '\0'} + "X" + Frame22("TP1", Text("Artist"));
-  Id3v2Info info = ReadV2(Id3v2(2, frames, 300));
-  EXPECT_STREQ(info.title, "");
-  EXPECT_STREQ(info.artist, "Artist");
+  Id3v2Info quirk = ReadV2(Id3v2(2, frames, 300));
+  EXPECT_STREQ(quirk.title, "");
+  EXPECT_STREQ(quirk.artist, "Artist");
 
-  Id3v2Info plain = ReadV2(Id3v2(2, Frame22("TT2", Text("Title")) + Frame22("TAL", Text("Album")) +
-                                        Frame22("TYE", Text("1999")) + Frame22("TCO", Text("(17)")) +
-                                        Frame22("TRK", Text("3/9"))));
-  EXPECT_STREQ(plain.title, "Title");
-  EXPECT_STREQ(plain.album, "Album");
-  EXPECT_STREQ(plain.year, "1999");
-  EXPECT_STREQ(plain.genre, "(17)");
-  EXPECT_STREQ(plain.track, "3");
+  Id3v2Info ids = ReadV2(Id3v2(2, Frame22("TT2", Text("T")) + Frame22("TAL", Text("Al")) + Frame22("TYE", Text("1999")) +
+                                      Frame22("TCO", Text("(17)")) + Frame22("TRK", Text("3/9"))));
+  EXPECT_STREQ(ids.title, "T");
+  EXPECT_STREQ(ids.album, "Al");
+  EXPECT_STREQ(ids.year, "1999");
+  EXPECT_STREQ(ids.genre, "(17)");
+  EXPECT_STREQ(ids.track, "3");
 }
 
-TEST(Id3v2Walk, PaddingGarbageOrTheEndOfTheFileStopsIt) {
-  Id3v2Info padded = ReadV2(Id3v2(3, Frame23("TIT2", Text("T")), 100) + Cbr128(2));
-  EXPECT_STREQ(padded.title, "T");
-
-  // A tag that claims more bytes than the file holds ends at the unreadable bytes.
-  std::string truncated = Id3v2(3, Frame23("TIT2", Text("Cut")) + Frame23("TPE1", Text("Gone")));
-  truncated.resize(truncated.size() - 8);
-  Id3v2Info cut = ReadV2(truncated);
-  EXPECT_STREQ(cut.title, "Cut");
-
-  // A lower-case frame id is not a frame.
-  Id3v2Info lower = ReadV2(Id3v2(3, Frame23("tit2", Text("x")) + Frame23("TPE1", Text("y"))));
-  EXPECT_STREQ(lower.title, "");
-  EXPECT_STREQ(lower.artist, "");
-}
-
-TEST(Id3v2Walk, LaterFrameWinsAndTrackIsCutAtSlash) {
+TEST(Id3v2Text, LaterFrameWinsAndTrackIsCutAtTheSlash) {
   Id3v2Info info = ReadV2(Id3v2(3, Frame23("TIT2", Text("First")) + Frame23("TIT2", Text("Second")) +
                                        Frame23("TRCK", Text("07/12"))));
   EXPECT_STREQ(info.title, "Second");
@@ -138,87 +88,51 @@ TEST(Id3v2Walk, LaterFrameWinsAndTrackIsCutAtSlash) {
 }
 
 TEST(Id3v2Text, Utf16KeepsItsByteOrderMarkAndSetsTheFlag) {
-  std::string le = Utf16Le("Hi");
-  Id3v2Info a = ReadV2(Id3v2(3, Frame23("TIT2", std::string(1, '\x01') + le)));
+  std::string le = Utf16("Hi", true), be = Utf16("Hi", false);
+  Id3v2Info a = ReadV2(Id3v2(3, Frame23("TIT2", "\x01" + le) + Frame23("TPE1", "\x01" + be) +
+                                    Frame23("TALB", "\x02" + be.substr(2)) + Frame23("TYER", "\x01" "2000")));
   EXPECT_EQ(std::string(a.title, 6), le);
-  EXPECT_EQ(a.title_utf16, 1);
+  EXPECT_EQ(std::string(a.artist, 6), be);
+  EXPECT_EQ(std::string(a.album, 6), be) << "encoding 2 gets FE FF put in front";
+  EXPECT_STREQ(a.year, "2000") << "encoding 1 without a byte-order mark is copied as bytes";
+  EXPECT_EQ(a.title_utf16 + a.artist_utf16 + a.album_utf16 + a.year_utf16, 3);
 
-  std::string be = Utf16Be("Hi");
-  Id3v2Info b = ReadV2(Id3v2(3, Frame23("TPE1", std::string(1, '\x01') + be)));
-  EXPECT_EQ(std::string(b.artist, 6), be);
-  EXPECT_EQ(b.artist_utf16, 1);
-
-  // Encoding 2 has no byte-order mark of its own: FE FF is put in front.
-  Id3v2Info c = ReadV2(Id3v2(4, Frame24("TALB", std::string(1, '\x02') + be.substr(2))));
-  EXPECT_EQ(std::string(c.album, 6), be);
-  EXPECT_EQ(c.album_utf16, 1);
-
-  // Encoding 1 without a byte-order mark is copied as bytes.
-  Id3v2Info d = ReadV2(Id3v2(3, Frame23("TIT2", std::string(1, '\x01') + "plain")));
-  EXPECT_STREQ(d.title, "plain");
-  EXPECT_EQ(d.title_utf16, 0);
-
-  // The 2.2 reader knows no encoding 2.
-  Id3v2Info e = ReadV2(Id3v2(2, Frame22("TT2", std::string(1, '\x02') + "ab")));
-  EXPECT_STREQ(e.title, "ab");
-  EXPECT_EQ(e.title_utf16, 0);
+  Id3v2Info b = ReadV2(Id3v2(2, Frame22("TT2", "\x02" "ab")));
+  EXPECT_STREQ(b.title, "ab") << "version 2.2 knows no encoding 2";
+  EXPECT_EQ(b.title_utf16, 0);
 }
 
-TEST(Id3v2Text, Utf16ReachesTheRecordWithItsFlags) {
-  std::string title = Utf16Le("Song");
-  std::string genre = Utf16Be("Trip Hop");
-  std::string bytes = Id3v2(3, Frame23("TIT2", std::string(1, '\x01') + title + std::string(2, '\0')) +
-                                   Frame23("TCON", std::string(1, '\x01') + genre)) +
-                      Cbr128(3);
-  MediaInfo rec;
-  ASSERT_EQ(ReadRecord(bytes, &rec), 0);
-  EXPECT_EQ(std::string(rec.title, title.size() + 2), title + std::string(2, '\0'));
-  EXPECT_EQ(rec.title_is_utf16, 1);
-  EXPECT_EQ(std::string(rec.genre, genre.size()), genre);
-  EXPECT_EQ(rec.genre_is_utf16, 1);
-  EXPECT_EQ(rec.artist_is_utf16, 0);
-}
+TEST(CopyUtf16, NeedsAByteOrderMarkStopsAtAZeroPairAndEndsInOne) {
+  char dst[255];
+  CopyUtf16("abcd", dst, 16);
+  EXPECT_EQ(std::string(dst, 16), std::string(16, '\0'));
 
-TEST(CopyUtf16, NeedsAByteOrderMarkAndStopsAtAZeroPair) {
-  char dst[16];
-  CopyUtf16("abcd", dst, sizeof dst);
-  EXPECT_EQ(std::string(dst, sizeof dst), std::string(16, '\0'));
+  std::string src = Utf16("ab", true) + std::string(2, '\0') + "zz";
+  CopyUtf16(src.c_str(), dst, 16);
+  EXPECT_EQ(std::string(dst, 16), Utf16("ab", true) + std::string(10, '\0'));
 
-  std::string src = Utf16Le("ab") + std::string(2, '\0') + "zz";
-  CopyUtf16(src.c_str(), dst, sizeof dst);
-  EXPECT_EQ(std::string(dst, 8), Utf16Le("ab") + std::string(2, '\0'));
-  EXPECT_EQ(dst[8], '\0');
-}
-
-TEST(CopyUtf16, TruncationLeavesAZeroPairInsideTheField) {
-  std::string src = Utf16Le(std::string(300, 'x'));
+  std::string longer = Utf16(std::string(300, 'x'), true);
   for (size_t size : {8u, 16u, 255u}) {
-    char dst[255];
-    memset(dst, 0x7F, sizeof dst);
-    CopyUtf16(src.c_str(), dst, size);
+    CopyUtf16(longer.c_str(), dst, size);
     size_t n = 0;
     while (n + 1 < size && !(dst[n] == '\0' && dst[n + 1] == '\0')) n += 2;
-    EXPECT_LT(n + 1, size) << size;
-    EXPECT_EQ(std::string(dst, 2), "\xFF\xFE") << size;
+    EXPECT_LT(n + 1, size) << "no terminating pair within " << size;
   }
 }
 
 TEST(TrimSpaces, OnlyBlanksAtBothEnds) {
-  char a[] = "  Song   ";
+  char a[] = "  Song   ", b[] = "\tSong\t ", c[] = "    ";
   TrimSpaces(a);
-  EXPECT_STREQ(a, "Song");
-  char b[] = "\tSong\t ";
   TrimSpaces(b);
-  EXPECT_STREQ(b, "\tSong\t");
-  char c[] = "    ";
   TrimSpaces(c);
+  EXPECT_STREQ(a, "Song");
+  EXPECT_STREQ(b, "\tSong\t");
   EXPECT_STREQ(c, "");
 }
 
-TEST(Id3v1, BlankFieldsBecomeEmptyAndContentKeepsItsBlanks) {
+TEST(Id3v1, BlankFieldsBecomeEmptyTitlesAreTrimmedYearsAreNot) {
   Id3v1Fields f;
   f.title = "Song";
-  f.artist = "";
   f.album = "  ";
   f.year = "199";
   f.pad = ' ';
@@ -235,15 +149,13 @@ TEST(Id3v1, BlankFieldsBecomeEmptyAndContentKeepsItsBlanks) {
   MediaInfo rec;
   ASSERT_EQ(ReadRecord(bytes, &rec), 0);
   EXPECT_STREQ(rec.title, "Song");
-  EXPECT_STREQ(rec.artist, "");
-  EXPECT_STREQ(rec.year, "199 ") << "the year is deliberately not trimmed";
+  EXPECT_STREQ(rec.year, "199 ");
+  EXPECT_FLOAT_EQ(rec.duration, float((bytes.size() - 128) / 128.0 * 0.008)) << "the tag is not audio";
 }
 
 TEST(Id3v1, TrackOnlyFromVersion11WithARealTrackByte) {
   auto track_of = [](int track, char byte125) {
-    Id3v1Fields f;
-    f.title = "T";
-    std::string tag = Id3v1(f);
+    std::string tag = Id3v1({});
     tag[125] = byte125;
     tag[126] = char(track);
     MediaInfo rec;
@@ -256,26 +168,15 @@ TEST(Id3v1, TrackOnlyFromVersion11WithARealTrackByte) {
   EXPECT_EQ(track_of(7, 'x'), 0) << "ID3v1.0 comment text is not a track";
 }
 
-TEST(Id3v1, TagBytesAreLeftOutOfTheAudio) {
-  // The estimate covers the file without its last 128 bytes.
-  std::string audio = Cbr128(20);
-  MediaInfo rec;
-  ASSERT_EQ(ReadRecord(audio + Id3v1({}), &rec), 0);
-  EXPECT_FLOAT_EQ(rec.duration, float(audio.size() / 128.0 * 0.008));
-}
-
 TEST(TagMerge, Id3v2WinsOverId3v1OverTheDefaults) {
   Id3v2Info v2 = {};
   Id3v1Tag v1 = {};
   memcpy(v1.title, "Old title  ", 11);
   memcpy(v1.artist, "  Old artist", 12);
-  memcpy(v1.year, "1990", 4);
   snprintf(v2.title, sizeof v2.title, "New title");
   MediaInfo rec = Merge(v2, v1, "file name");
   EXPECT_STREQ(rec.title, "New title");
   EXPECT_STREQ(rec.artist, "Old artist");
-  EXPECT_STREQ(rec.year, "1990");
-
   v2.title[0] = '\0';
   EXPECT_STREQ(Merge(v2, v1, "file name").title, "Old title");
   v1.title[0] = '\0';
@@ -283,52 +184,31 @@ TEST(TagMerge, Id3v2WinsOverId3v1OverTheDefaults) {
 }
 
 TEST(TagMerge, FullId3v1FieldsAreReadByTheirWidth) {
-  Id3v2Info v2 = {};
   Id3v1Tag v1;
   memset(&v1, 'a', sizeof v1);  // no field is NUL-terminated
-  v1.genre = 0;
-  MediaInfo rec = Merge(v2, v1);
+  MediaInfo rec = Merge(Id3v2Info{}, v1);
   EXPECT_EQ(strlen(rec.title), 30u);
   EXPECT_EQ(strlen(rec.artist), 30u);
   EXPECT_EQ(strlen(rec.album), 30u);
   EXPECT_EQ(strlen(rec.year), 4u);
 }
 
-TEST(GenreMerge, NumbersInParenthesesName) {
-  EXPECT_EQ(GenreFromV2("(17)"), "Rock");
-  EXPECT_EQ(GenreFromV2("(17)Rock"), "Rock");
-  EXPECT_EQ(GenreFromV2("(0)"), "Blues");
-  EXPECT_EQ(GenreFromV2("(147)"), "SynthPop");
-  EXPECT_EQ(GenreFromV2("(148)"), "148");
-  EXPECT_EQ(GenreFromV2("(200)"), "200");
-}
-
-TEST(GenreMerge, NonNumbersInParenthesesGiveNoGenre) {
-  EXPECT_EQ(GenreFromV2("(RX)"), "");
-  EXPECT_EQ(GenreFromV2("(CR)Cover"), "");
-  EXPECT_EQ(GenreFromV2("()"), "");
-  EXPECT_EQ(GenreFromV2("(12a)"), "");
-}
-
-TEST(GenreMerge, TextWithoutOrderedParenthesesIsCopied) {
-  EXPECT_EQ(GenreFromV2("Trip Hop"), "Trip Hop");
-  EXPECT_EQ(GenreFromV2(")17("), ")17(");
-  EXPECT_EQ(GenreFromV2("Rock (live"), "Rock (live");
-}
-
-TEST(GenreMerge, Id3v1ByteZeroAndOutOfRangeGiveNoGenre) {
-  EXPECT_EQ(GenreFromV1(0), "");
-  EXPECT_EQ(GenreFromV1(255), "");
-  EXPECT_EQ(GenreFromV1(148), "");
-  EXPECT_EQ(GenreFromV1(17), "Rock");
-  EXPECT_EQ(GenreFromV1(147), "SynthPop");
-}
-
-TEST(GenreTable, KeepsItsHistoricSpellings) {
-  EXPECT_STREQ(kId3Genres[67], "Psychadelic");
-  EXPECT_STREQ(kId3Genres[85], "Bebob");
-  EXPECT_STREQ(kId3Genres[123], "A capella");
-  EXPECT_STREQ(kId3Genres[140], "Contemporary C");
+TEST(TagMerge, GenreNumbersOnlyInParenthesesAndNeverId3v1Zero) {
+  const std::pair<const char*, const char*> v2_forms[] = {
+      {"(17)", "Rock"},  {"(17)Rock", "Rock"}, {"(147)", "SynthPop"}, {"(148)", "148"},       {"(200)", "200"},
+      {"(RX)", ""},      {"()", ""},           {"(12a)", ""},         {"Trip Hop", "Trip Hop"}, {")17(", ")17("},
+  };
+  for (const auto& [form, expected] : v2_forms) {
+    Id3v2Info v2 = {};
+    snprintf(v2.genre, sizeof v2.genre, "%s", form);
+    EXPECT_STREQ(Merge(v2, Id3v1Tag{}).genre, expected) << form;
+  }
+  const std::pair<int, const char*> v1_bytes[] = {{0, ""}, {17, "Rock"}, {147, "SynthPop"}, {148, ""}, {255, ""}};
+  for (const auto& [byte, expected] : v1_bytes) {
+    Id3v1Tag v1 = {};
+    v1.genre = static_cast<unsigned char>(byte);
+    EXPECT_STREQ(Merge(Id3v2Info{}, v1).genre, expected) << byte;
+  }
 }
 
 }  // namespace

@@ -114,25 +114,4 @@ TEST(DamagedFile, UnreadableBytesReadAs17) {
   EXPECT_EQ(ReadPlain32(&reader, 1), uint32_t('b') << 24 | uint32_t('c') << 16);
 }
 
-TEST(DamagedFile, FileReaderRefillsAcrossTheBufferEdge) {
-  std::string bytes(3 * kByteReaderBufferSize + 5, '\0');
-  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = char(i * 7 + i / 251);
-  TempDir dir;
-  std::string path = dir.Write("edge.bin", bytes);
-  FILE* f = fopen(path.c_str(), "rb");
-  ASSERT_NE(f, nullptr);
-  ByteReader reader;
-  ByteReaderAttachFile(&reader, f, int64_t(bytes.size()));
-  bool same = true;
-  for (int64_t i : {int64_t(0), int64_t(16383), int64_t(16384), int64_t(5), int64_t(49152), int64_t(49156)})
-    same = same && ReadByte(&reader, i) == static_cast<unsigned char>(bytes[size_t(i)]);
-  EXPECT_TRUE(same);
-  EXPECT_EQ(ReadByte(&reader, int64_t(bytes.size())), 17);
-  EXPECT_EQ(ReadSyncsafe32(&reader, 16382),
-            int64_t(static_cast<unsigned char>(bytes[16382])) << 21 |
-                int64_t(static_cast<unsigned char>(bytes[16383])) << 14 |
-                int64_t(static_cast<unsigned char>(bytes[16384])) << 7 | static_cast<unsigned char>(bytes[16385]));
-  fclose(f);
-}
-
 }  // namespace

@@ -67,17 +67,6 @@ TEST_P(Mp3Index, UntaggedFileTakesItsNameAndFolder) {
   EXPECT_EQ(Row("title", noext), "noext");
 }
 
-TEST_P(Mp3Index, Id3v1OnlyFileIsTrimmedAndKeepsTheTagAlbum) {
-  Id3v1Fields f;
-  f.title = "  Song";
-  f.album = "Tag Album";
-  f.pad = ' ';
-  f.genre = 0;
-  std::string path = Put("Folder/x.mp3", Cbr128(10) + Id3v1(f));
-  ASSERT_EQ(IndexMp3(path.c_str()), 0);
-  EXPECT_EQ(Row("title, album, genre", path), "Song|Tag Album|");
-}
-
 TEST_P(Mp3Index, FolderNameLongerThanTheAlbumFieldIsCutAndLogged) {
   std::string folder(255, 'f');
   std::string path = Put(folder + "/a.mp3", Cbr128(10));
