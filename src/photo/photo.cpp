@@ -65,7 +65,7 @@ void FillFromExif(const char* path, MediaInfo& media) {
   photo_path::CopyText(media.aperture, photo.aperture);
   if (photo.takenDate[0] != '\0') {
     // Any non-zero result replaces the modification time, the error value -1
-    // included; only 0 keeps it. Deliberate: the media library sorts on it.
+    // included; only 0 keeps it. Deliberate: stored rows depend on it.
     time_t taken = ExifDateToTime(photo.takenDate);
     if (taken != 0) media.mtime = static_cast<int32_t>(taken);
   }

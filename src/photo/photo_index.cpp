@@ -25,6 +25,7 @@
 #include "index/index.h"
 #include "meta/exif.h"
 #include "photo/photo_path.h"
+#include "photo/photo_scoped.h"
 #include "platform/log.h"
 #include "platform/media_db.h"
 #include "platform/orvodb.h"
@@ -35,9 +36,16 @@ int gPhotoShareFsFlag = 0;
 
 namespace {
 
+using photo_scoped::CText;
+using photo_scoped::GlobOwner;
+using photo_scoped::HandleOwner;
+using photo_scoped::IsDirectoryEntry;
+using photo_scoped::PathListOwner;
+using photo_scoped::WorkingFolderRestore;
+
 constexpr const char* kPhotoRootLink = "/var/services/photo";
-// Pictures of this size and above stay out of the photo database on purpose:
-// the photo application cannot make thumbnails of them in time.
+// Pictures of this size and above are deliberately left out of the photo
+// database (they still reach the media database).
 constexpr int64_t kPhotoSizeLimit = 0x1400000;  // 20 MiB
 // f_type of the file system whose directory-only glob cannot be trusted.
 constexpr long kUntrustedGlobFsType = 0x25521814;
@@ -49,58 +57,10 @@ enum PhotoKind { kKindNone = 0, kKindPhoto = 1, kKindVideo = 2 };
 constexpr const char* kPhotoExtensions[] = {"jpg", "jpeg", "jpe", "bmp", "gif", "png"};
 constexpr const char* kVideoExtensions[] = {"mpg", "mpeg", "avi", "wmv", "mov", "asf", "flv"};
 
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
-using CText = std::unique_ptr<char, FreeDeleter>;
-
-struct HandleCloser {
-  void operator()(PhotoDBHandle* handle) const { PhotoInfoDBClose(handle); }
-};
-using HandleOwner = std::unique_ptr<PhotoDBHandle, HandleCloser>;
-
-struct PathListFree {
-  void operator()(PhotoPathNode* list) const { FreePhotoPathList(list); }
-};
-using PathListOwner = std::unique_ptr<PhotoPathNode, PathListFree>;
-
 struct ResultFree {
   void operator()(ORVODBResult* result) const { ORVODBFreeResult(result); }
 };
 using ResultOwner = std::unique_ptr<ORVODBResult, ResultFree>;
-
-struct GlobOwner {
-  glob_t matches = {};
-  bool filled = false;
-  GlobOwner() = default;
-  GlobOwner(const GlobOwner&) = delete;
-  GlobOwner& operator=(const GlobOwner&) = delete;
-  ~GlobOwner() {
-    if (filled) globfree(&matches);
-  }
-  // glob() in the working folder; true when something matched.
-  bool Run(const char* pattern, int flags) {
-    filled = true;
-    return glob(pattern, flags, nullptr, &matches) == 0 && matches.gl_pathc > 0;
-  }
-};
-
-// Puts the process back into the folder it was in, on every way out.
-struct WorkingFolderRestore {
-  std::string saved;
-  ~WorkingFolderRestore() {
-    if (!saved.empty() && chdir(saved.c_str()) != 0) {
-      // Nothing better to do: the next relative lookup uses absolute paths.
-    }
-  }
-};
-
-bool SaveWorkingFolder(WorkingFolderRestore& restore) {
-  char buffer[4096] = {};
-  if (getcwd(buffer, sizeof buffer) == nullptr) return false;
-  restore.saved = buffer;
-  return true;
-}
 
 PhotoKind KindOfExtension(const char* extension) {
   for (const char* known : kPhotoExtensions) {
@@ -158,11 +118,6 @@ CText LikePattern(const char* path) {
   return EscapeLike(quoted.get());
 }
 
-bool IsDirectoryEntry(const char* name) {
-  struct stat64 st;
-  return stat64(name, &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 }  // namespace
 
 int SanitizePhotoInfo(PhotoInfo* info) {
@@ -172,7 +127,7 @@ int SanitizePhotoInfo(PhotoInfo* info) {
   }
   if (info->width > 8000 || info->width < 0) info->width = 0;
   if (info->height > 8000 || info->height < 0) info->height = 0;
-  // Exposure and aperture are not checked: libexif renders them in ASCII.
+  // Exposure and aperture are deliberately not checked.
   if (HasNonPrintable(info->takenDate)) info->takenDate[0] = '\0';
   if (HasNonPrintable(info->make)) info->make[0] = '\0';
   if (HasNonPrintable(info->model)) info->model[0] = '\0';
@@ -328,7 +283,7 @@ int ORVOPhotoRenamePath(const char* newPath, const char* oldPath, int isDir) {
   }
 
   if (isFile && kind != kKindPhoto) {
-    // Deliberately not renamed: the video row is rebuilt by the next refresh.
+    // Deliberately not renamed: the old row goes and the caller hears -1.
     ORVOPhotoIndexRemove(oldPath);
     return -1;
   }
@@ -467,7 +422,7 @@ int SweepFolder(const char* dir, std::vector<FolderId>& ancestors) {
   }
 
   WorkingFolderRestore restore;
-  if (!SaveWorkingFolder(restore)) {
+  if (!restore.Save()) {
     ORVO_LOG("%s (%d) Failed to get current directory");
     return -1;
   }

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "photo/photo_index.h"
+#include "photo/photo_scoped.h"
 #include "platform/log.h"
 #include "platform/orvodb.h"
 #include "platform/photo_db.h"
@@ -25,54 +26,19 @@
 
 namespace {
 
+using photo_scoped::CText;
+using photo_scoped::GlobOwner;
+using photo_scoped::HandleOwner;
+using photo_scoped::IsDirectoryEntry;
+using photo_scoped::WorkingFolderRestore;
+
 constexpr const char* kPhotoRootLink = "/var/services/photo";
 constexpr const char* kAlbumConfig = "/etc/orvoinfo.conf";
 // Share names start after this many characters, the length of
-// "/volume1/photo/", whatever the path holds there. Deliberate: the photo
-// application stores names cut the same way, so both must agree.
+// "/volume1/photo/", whatever the path holds there. Deliberate: every stored
+// share name was cut this way, so a volume name of another length must keep
+// giving the same (wrong) names.
 constexpr size_t kShareNameOffset = 15;
-
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
-using CText = std::unique_ptr<char, FreeDeleter>;
-
-struct HandleCloser {
-  void operator()(PhotoDBHandle* handle) const { PhotoInfoDBClose(handle); }
-};
-using HandleOwner = std::unique_ptr<PhotoDBHandle, HandleCloser>;
-
-struct GlobOwner {
-  glob_t matches = {};
-  bool filled = false;
-  GlobOwner() = default;
-  GlobOwner(const GlobOwner&) = delete;
-  GlobOwner& operator=(const GlobOwner&) = delete;
-  ~GlobOwner() {
-    if (filled) globfree(&matches);
-  }
-  bool Run(const char* pattern, int flags) {
-    filled = true;
-    return glob(pattern, flags, nullptr, &matches) == 0 && matches.gl_pathc > 0;
-  }
-};
-
-// Puts the process back into the folder it was in, on every way out.
-struct WorkingFolderRestore {
-  std::string saved;
-  ~WorkingFolderRestore() {
-    if (!saved.empty() && chdir(saved.c_str()) != 0) {
-      // Nothing better to do: every later lookup uses absolute paths.
-    }
-  }
-};
-
-bool SaveWorkingFolder(WorkingFolderRestore& restore) {
-  char buffer[4096] = {};
-  if (getcwd(buffer, sizeof buffer) == nullptr) return false;
-  restore.saved = buffer;
-  return true;
-}
 
 // printf into a string of exactly the needed size, so no statement is ever
 // cut short.
@@ -152,9 +118,7 @@ bool ReadPhotoRoot(char (&root)[4096]) {
 // Folder test of the directory-only listings: on the file system flagged by
 // CheckPhotoShareFs the listing itself cannot be trusted.
 bool IsListedFolder(const char* name) {
-  if (gPhotoShareFsFlag == 0) return true;
-  struct stat64 st;
-  return stat64(name, &st) == 0 && S_ISDIR(st.st_mode);
+  return gPhotoShareFsFlag == 0 || IsDirectoryEntry(name);
 }
 
 }  // namespace
@@ -433,7 +397,7 @@ int ORVOPhotoShareAddTree(const char* path) {
   if (level == 1) return 0;
 
   WorkingFolderRestore restore;
-  if (!SaveWorkingFolder(restore)) {
+  if (!restore.Save()) {
     ORVO_LOG("%s (%d) Failed to get current directory");
     return -1;
   }
@@ -510,7 +474,7 @@ int ORVOPhotoShareSync(const char* albumPath) {
 
   {
     WorkingFolderRestore restore;
-    if (!SaveWorkingFolder(restore)) {
+    if (!restore.Save()) {
       ORVO_LOG("%s (%d) Failed to get current directory");
       return -1;
     }
