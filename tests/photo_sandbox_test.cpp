@@ -8,12 +8,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "photo/photo_index.h"
 #include "photo/photo_share.h"
 #include "platform/orvodb.h"
+#include "platform/photo_db.h"
 #include "support/db_fixture.h"
 #include "support/sandbox.h"
 
@@ -35,6 +37,13 @@ void Picture(const std::string& relative) {
 
 std::string Albums() { return QueryAll(OrvoDatabase::kPhoto, "select sharename from photo_share order by sharename"); }
 std::string PhotoPaths() { return QueryAll(OrvoDatabase::kPhoto, "select path from photo_image order by path"); }
+
+std::string ThumbnailRequests() {
+  std::ifstream queue("/var/spool/orvo_thumb_queue");
+  std::stringstream text;
+  text << queue.rdbuf();
+  return text.str();
+}
 
 std::string WorkingFolder() {
   char buffer[4096] = {};
@@ -102,6 +111,20 @@ TEST_F(PhotoShareInSandbox, SweepReconcilesPhotoRows) {
   EXPECT_EQ(ORVOPhotoSweep(nullptr), 0);
   EXPECT_EQ(PhotoPaths(), kShare + "/A/sub/y.jpg\n" + kShare + "/A/x.jpg");
   EXPECT_EQ(WorkingFolder(), before);
+  // Only new pictures are sent for thumbnails; known ones are refreshed.
+  EXPECT_EQ(ThumbnailRequests(), "3:" + kShare + "/A/sub/y.jpg\n");
+}
+
+// A video file counts as known when the video application has a row for it:
+// only then is its photo-database row refreshed; a new one only gets its
+// thumbnails asked for.
+TEST_F(PhotoShareInSandbox, SweepRefreshesOnlyKnownVideos) {
+  Picture("V/known.avi");
+  Picture("V/new.avi");
+  ASSERT_GE(PhotoDBExec(("insert into video_desc (path) values ('" + kShare + "/V/known.avi')").c_str()), 0);
+  EXPECT_EQ(ORVOPhotoSweep(nullptr), 0);
+  EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto, "select path from photo_video"), kShare + "/V/known.avi");
+  EXPECT_EQ(ThumbnailRequests(), "3:" + kShare + "/V/new.avi\n");
 }
 
 // A link inside the share that points back up must not make the sweep walk
