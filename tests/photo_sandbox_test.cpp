@@ -75,6 +75,18 @@ TEST_F(PhotoShareInSandbox, FullSyncMarksExistingAndSweepsVanished) {
   EXPECT_EQ(WorkingFolder(), before);
 }
 
+// New albums take albumdefpublic ("yes" in any case); without the key they
+// are private and the message names the other key, as it always has.
+TEST_F(PhotoShareInSandbox, AlbumDefaultPublicFromConfig) {
+  std::ofstream("/etc/orvoinfo.conf") << "albumdefpublic=YES\n";
+  ASSERT_EQ(ORVOPhotoShareUpdate((kShare + "/open").c_str(), 1), 0);
+  std::ofstream("/etc/orvoinfo.conf") << "other=1\n";
+  ASSERT_EQ(ORVOPhotoShareUpdate((kShare + "/closed").c_str(), 1), 0);
+  EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto, "select sharename, public from photo_share order by sharename"),
+            "closed|f\nopen|t");
+  EXPECT_EQ(SandboxLogCount("Can't get key valude. key=supportcinedock"), 1);
+}
+
 // Adding a tree adds the album and its folders; unlike the sync it keeps a
 // #recycle folder below an album.
 TEST_F(PhotoShareInSandbox, AddTreeAddsAlbumAndSubAlbums) {
