@@ -251,6 +251,7 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
       boolean.push_back(type != nullptr && strcasecmp(type, "boolean") == 0);
     }
   }
+  const long long changesBefore = sqlite3_total_changes64(db->lite);
   int rows = 0;
   int rc;
   while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
@@ -266,6 +267,11 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
     }
     return -1;
   }
-  if (changes) *changes = write ? sqlite3_changes(db->lite) : rows;
+  // sqlite3_changes() keeps the count of the last insert, update or delete,
+  // which is stale after any other statement.
+  if (changes) {
+    if (!write) *changes = rows;
+    else *changes = sqlite3_total_changes64(db->lite) != changesBefore ? sqlite3_changes(db->lite) : 0;
+  }
   return 0;
 }

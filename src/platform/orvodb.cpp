@@ -122,6 +122,13 @@ int BeginGroup(ORVODB* db) {
   return 0;
 }
 
+// A group commits at the latest 1 s after it opened: checked at every call,
+// since the daemon has no timer of its own.
+void CommitIfAged(ORVODB* db) {
+  if (db->inGroup && std::chrono::steady_clock::now() - db->groupStart >= kGroupMaxAge)
+    DbCommitGroup(db);
+}
+
 void CountGroupWrite(ORVODB* db) {
   if (!db->inGroup) return;
   ++db->groupWrites;
@@ -156,7 +163,9 @@ bool DbIsOpen(const ORVODB* db) { return db->lite != nullptr || db->pg != nullpt
 
 ORVODB* OrvoDBConnect(OrvoDatabase which) {
   ORVODB* db = Slot(which);
-  return EnsureOpen(db) == 0 ? db : nullptr;
+  if (EnsureOpen(db) != 0) return nullptr;
+  CommitIfAged(db);
+  return db;
 }
 
 int DbCommitGroup(ORVODB* db) {
