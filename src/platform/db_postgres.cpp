@@ -307,7 +307,14 @@ int PgSyncPipeline(ORVODB* db, bool commit) {
     PgClose(db);
     return -1;
   }
-  PQexitPipelineMode(db->pg);
+  if (PQexitPipelineMode(db->pg) != 1) {
+    // Results left over mean the accounting above went wrong: start afresh
+    // rather than leave the connection in a state no call can use.
+    SetError(db, nullptr);
+    ORVO_LOG("%s (%d) Failed to leave pipeline mode (%s)", db->error.c_str());
+    PgClose(db);
+    return -1;
+  }
   db->pipeline = false;
   if (db->pipelineAborted) {
     ReplayGroup(db);
