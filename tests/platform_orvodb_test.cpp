@@ -342,6 +342,21 @@ TEST_P(RawAccess, ALockedDatabaseFailsTheCallAndTheNextCallTriesAgain) {
   EXPECT_EQ(QueryElsewhere(OrvoDatabase::kMedia, "select count(*) from music"), "1");
 }
 
+TEST_P(RawAccess, AFileThatIsNotADatabaseFailsEveryCallWithoutHarm) {
+  if (IsPostgres()) GTEST_SKIP() << "the server keeps its own files";
+  ORVODBCloseAll();
+  const std::string file = TempDir() + "/garbage.db";
+  std::ofstream(file, std::ios::binary) << std::string(8192, '\x5a');
+  setenv("ORVO_MEDIA_DB", ("sqlite:" + file).c_str(), 1);
+  orvo::test::LogCapture log;
+  MediaInfo info = Record("/volume1/music/x.mp3");
+  EXPECT_EQ(MediaInfoDBSave(kMediaMusic, &info), -1);
+  EXPECT_EQ(MediaInfoDBDelete(kMediaTree, "/volume1"), -1);
+  EXPECT_EQ(MediaDBVacuum(), -1);
+  EXPECT_EQ(ORVODBFlush(), 0);
+  EXPECT_TRUE(log.Contains("Failed to open the media database"));
+}
+
 TEST_P(RawAccess, AConnectionDroppedByTheServerIsReopenedByTheNextCall) {
   if (!IsPostgres()) GTEST_SKIP() << "an embedded database has no server to drop it";
   std::string pid = QueryAll(OrvoDatabase::kMedia, "select pg_backend_pid()");

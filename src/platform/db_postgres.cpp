@@ -148,7 +148,7 @@ void ReplayGroup(ORVODB* db) {
 int PgOpen(ORVODB* db, const std::string& uri) {
   // The URI is expanded first; the settings after it win over its own.
   const char* keys[] = {"dbname", "client_encoding", "connect_timeout", nullptr};
-  const char* values[] = {uri.c_str(), "SQL_ASCII", "10", nullptr};
+  const char* values[] = {uri.c_str(), "SQL_ASCII", "5", nullptr};
   PGconn* pg = PQconnectdbParams(keys, values, 1);
   if (pg == nullptr || PQstatus(pg) != CONNECTION_OK) {
     db->error = pg ? PQerrorMessage(pg) : "out of memory";
