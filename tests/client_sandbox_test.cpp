@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "daemon_sandbox_env.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -37,7 +38,7 @@ class ClientDrivesDaemon : public ::testing::Test {
 
 TEST_F(ClientDrivesDaemon, QueuedTreeIsIndexedAfterOneCall) {
   std::ofstream(kQueueFile).flush();
-  pid_ = StartDaemon(kFastClock);
+  pid_ = StartDaemon(FastDaemonClock());
   ASSERT_GT(pid_, 0);
   ASSERT_TRUE(WaitForHups(1));
   fs::create_directories("/volume1/music/a/b");

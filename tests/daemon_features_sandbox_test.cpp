@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "daemon_sandbox_env.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -31,7 +32,7 @@ class FeatureSwitches : public ::testing::Test {
   void IndexPictureWith(const std::string& config) {
     std::ofstream("/etc.defaults/orvoinfo.conf") << config;
     std::ofstream(kQueueFile) << "a:" << kPicture << "\n";
-    pid_ = StartDaemon(kFastClock);
+    pid_ = StartDaemon(FastDaemonClock());
     ASSERT_GT(pid_, 0);
     ASSERT_TRUE(WaitForHups(1));
   }

@@ -10,6 +10,7 @@
 #include <sstream>
 #include <thread>
 
+#include "daemon_sandbox_env.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -39,20 +40,20 @@ class DaemonLifecycle : public ::testing::Test {
   // shows that start-up is over: lines queued later wait for a signal.
   bool StartIdle() {
     std::ofstream(kQueueFile).flush();
-    pid_ = StartDaemon(kFastClock);
+    pid_ = StartDaemon(FastDaemonClock());
     return pid_ > 0 && WaitForHups(1);
   }
   pid_t pid_ = -1;
 };
 
 TEST_F(DaemonLifecycle, PidFileHoldsThePidWithoutNewline) {
-  pid_ = StartDaemon(kFastClock);
+  pid_ = StartDaemon(FastDaemonClock());
   ASSERT_GT(pid_, 0);
   EXPECT_EQ(ReadFile("/var/run/orvoindexd.pid"), std::to_string(pid_));
 }
 
 TEST_F(DaemonLifecycle, SecondStartIsRefused) {
-  pid_ = StartDaemon(kFastClock);
+  pid_ = StartDaemon(FastDaemonClock());
   ASSERT_GT(pid_, 0);
   CommandResult second = RunCommand({kDaemonBinary});
   ASSERT_TRUE(WIFEXITED(second.status));
@@ -74,7 +75,7 @@ TEST_F(DaemonLifecycle, StalePidFileDoesNotStopTheStart) {
 }
 
 TEST_F(DaemonLifecycle, SigtermRemovesThePidFileAndExitsZero) {
-  pid_ = StartDaemon(kFastClock);
+  pid_ = StartDaemon(FastDaemonClock());
   ASSERT_GT(pid_, 0);
   const int status = StopDaemon(pid_);
   pid_ = -1;
@@ -101,7 +102,7 @@ TEST_F(DaemonLifecycle, HelpPrintsTheBannerOnlyAsTheSoleArgument) {
 TEST_F(DaemonLifecycle, LeftoverBatchRunsBeforeTheQueueAtStart) {
   std::ofstream(kBatchFile) << "x:left over\n";
   ASSERT_TRUE(AppendQueueLine("x:queued"));
-  pid_ = StartDaemon(kFastClock);
+  pid_ = StartDaemon(FastDaemonClock());
   ASSERT_GT(pid_, 0);
   // Two runs back to back may reach the stand-in as one SIGHUP; the log
   // tells them apart.

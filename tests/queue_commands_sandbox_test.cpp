@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "daemon_sandbox_env.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -24,7 +25,7 @@ class QueueCommands : public ::testing::Test {
     if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
     // The start-up run of an empty queue marks the end of start-up.
     std::ofstream(kQueueFile).flush();
-    pid_ = StartDaemon(kFastClock);
+    pid_ = StartDaemon(FastDaemonClock());
     ASSERT_GT(pid_, 0);
     ASSERT_TRUE(WaitForHups(1));
     runs_ = 1;
