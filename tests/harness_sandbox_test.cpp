@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <sqlite3.h>
 #include <string>
@@ -65,6 +66,15 @@ TEST_F(Harness, CommandsAreRunWithOutputAndStatus) {
   EXPECT_EQ(r.output, "given\n");
   r = RunCommand({"/no/such/program"});
   EXPECT_TRUE(WIFEXITED(r.status) && WEXITSTATUS(r.status) == 127);
+}
+
+TEST_F(Harness, FastClockPreloadIsAcceptedBySanitizerBuilds) {
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  CommandResult r = RunCommand({"sh", "-c", "echo \"$ASAN_OPTIONS\""}, kFastClock);
+  EXPECT_EQ(r.output, "detect_leaks=0:verify_asan_link_order=0\n");
+  r = RunCommand({"sh", "-c", "echo \"$ASAN_OPTIONS\""}, {"LD_PRELOAD=", "ASAN_OPTIONS=mine"});
+  EXPECT_EQ(r.output, "mine\n") << "options the test gave are its own";
+  unsetenv("ASAN_OPTIONS");
 }
 
 TEST_F(Harness, SqliteQueriesReturnRowsAndErrors) {
