@@ -143,7 +143,7 @@ int QLIBReadPidFile(const char* path) {
 void QLIBCopyright() {
   printf("orvoindexd %s\n", ORVO_VERSION);
   printf("Media and photo indexing daemon for the storage appliance.\n");
-  printf("Licensed under the GNU General Public License, version 2 or later.\n");
+  printf("Copyright (C) 2026 the orvoindex developers. All rights reserved.\n");
 }
 
 int IsFileExist(const char* path, int64_t* size) {
