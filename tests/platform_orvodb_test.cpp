@@ -149,6 +149,12 @@ TEST_P(RawAccess, BooleansTakeEveryLiteralAndReadBackAsTF) {
   EXPECT_EQ(PhotoDBExec("Delete from photo_share where updated = '0' and sharename like 'a/%'"), 1);
   EXPECT_EQ(PhotoDBExec("Delete from photo_share where updated = '0'"), 0);
   EXPECT_EQ(Photo("select * from photo_share"), "1|a|||t|0||t|f|t");
+  // Conditions on booleans may use any of the literals too.
+  ASSERT_EQ(PhotoDBExec("Update photo_share set is_subdir = 'true' where sharename = 'a'"), 1);
+  EXPECT_EQ(Photo("select count(*) from photo_share where public = 't' and updated <> 'false'"
+                  " and is_subdir != 'no' and enabled = 'TRUE' and sharename <> 'true'"),
+            "1");
+  EXPECT_EQ(Photo("select count(*) from photo_share where public='f' or updated = '0'"), "0");
   orvo::test::LogCapture log;
   EXPECT_EQ(PhotoDBExec("Update photo_share set public = 'maybe'"), -1);
   EXPECT_EQ(Photo("select public from photo_share"), "t");

@@ -105,6 +105,85 @@ void LikeFunction(sqlite3_context* context, int argc, sqlite3_value** argv) {
   }
 }
 
+// The boolean columns of the schema (db_schema.cpp).
+bool IsBooleanColumn(std::string_view name) {
+  for (const char* column : {"public", "enabled", "is_subdir", "updated"}) {
+    if (name.size() == strlen(column) && strncasecmp(name.data(), column, name.size()) == 0)
+      return true;
+  }
+  return false;
+}
+
+// 1 or 0 for a text the server takes as a boolean, -1 for anything else.
+int BooleanWord(std::string_view word) {
+  while (!word.empty() && isspace(static_cast<unsigned char>(word.front()))) word.remove_prefix(1);
+  while (!word.empty() && isspace(static_cast<unsigned char>(word.back()))) word.remove_suffix(1);
+  for (const char* yes : {"t", "true", "y", "yes", "on", "1"}) {
+    if (word.size() == strlen(yes) && strncasecmp(word.data(), yes, word.size()) == 0) return 1;
+  }
+  for (const char* no : {"f", "false", "n", "no", "off", "0"}) {
+    if (word.size() == strlen(no) && strncasecmp(word.data(), no, word.size()) == 0) return 0;
+  }
+  return -1;
+}
+
+// Booleans are stored as 1/0, and SQLite never finds the integer 1 equal to
+// the text 't'. So "<boolean column> = 't'" (also <> and !=, in conditions
+// and in set clauses) gets 1 or 0 in place of the quoted word, which gives
+// the answer the server gives for the same text.
+std::string BooleanLiteralsAsNumbers(std::string_view sql) {
+  std::string out;
+  size_t copied = 0;
+  for (size_t i = 0; i < sql.size(); ++i) {
+    char c = sql[i];
+    if (c == '-' && i + 1 < sql.size() && sql[i + 1] == '-') {
+      while (i < sql.size() && sql[i] != '\n') ++i;
+      continue;
+    }
+    if (c == '/' && i + 1 < sql.size() && sql[i + 1] == '*') {
+      size_t end = sql.find("*/", i + 2);
+      if (end == std::string_view::npos) break;
+      i = end + 1;
+      continue;
+    }
+    if (c != '\'') continue;
+    size_t close = i + 1;
+    while (close < sql.size()) {
+      if (sql[close] == '\'' && (close + 1 >= sql.size() || sql[close + 1] != '\'')) break;
+      close += sql[close] == '\'' ? 2 : 1;
+    }
+    if (close >= sql.size()) break;
+    // Look back over the operator to the column name.
+    size_t k = i;
+    while (k > 0 && isspace(static_cast<unsigned char>(sql[k - 1]))) --k;
+    bool isOperator = false;
+    if (k >= 2 && (sql.substr(k - 2, 2) == "<>" || sql.substr(k - 2, 2) == "!=")) {
+      k -= 2;
+      isOperator = true;
+    } else if (k >= 1 && sql[k - 1] == '=' && (k < 2 || (sql[k - 2] != '<' && sql[k - 2] != '>'))) {
+      k -= 1;
+      isOperator = true;
+    }
+    int value = -1;
+    if (isOperator) {
+      while (k > 0 && isspace(static_cast<unsigned char>(sql[k - 1]))) --k;
+      size_t end = k;
+      while (k > 0 && (isalnum(static_cast<unsigned char>(sql[k - 1])) || sql[k - 1] == '_')) --k;
+      if (IsBooleanColumn(sql.substr(k, end - k)))
+        value = BooleanWord(sql.substr(i + 1, close - i - 1));
+    }
+    if (value >= 0) {
+      out.append(sql.substr(copied, i - copied));
+      out += value ? '1' : '0';
+      copied = close + 1;
+    }
+    i = close;
+  }
+  if (copied == 0) return std::string(sql);
+  out.append(sql.substr(copied));
+  return out;
+}
+
 bool IsBlank(const char* text) {
   for (; *text; ++text) {
     if (!isspace(static_cast<unsigned char>(*text))) return false;
@@ -201,6 +280,11 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
   if (cached) {
     auto it = db->liteStatements.find(sql);
     if (it != db->liteStatements.end()) stmt = it->second;
+  }
+  std::string rewritten;
+  if (!cached) {
+    rewritten = BooleanLiteralsAsNumbers(sql);
+    sql = rewritten;
   }
   if (stmt == nullptr) {
     const char* tail = nullptr;
