@@ -67,8 +67,6 @@ std::string ReadConfLocation(const char* file, std::string_view key) {
   return found;
 }
 
-int BeginGroup(ORVODB* db);
-
 int EnsureOpen(ORVODB* db) {
   if (db == nullptr) return -1;
   if (DbIsOpen(db)) return 0;
