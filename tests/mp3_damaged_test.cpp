@@ -71,7 +71,7 @@ TEST(DamagedFile, TagSizesPastTheEndStopAtTheEnd) {
   // A tag claiming ~256 MiB and a frame claiming 4 GiB in a tiny file.
   std::string huge_tag = std::string("ID3\x03\x00\x00\x7F\x7F\x7F\x7F", 10) + "TIT2\xFF\xFF\xFF\xFF\0\0x" + Cbr128(4);
   std::string huge_v24 = std::string("ID3\x04\x00\x00\x00\x00\x00\x10", 10) +
-                         std::string("APIC\x7F\x7F\x7F\x7F\0\0\0\0\0\0", 16) + Cbr128(4);
+                         "APIC\x7F\x7F\x7F\x7F" + std::string(8, '\0') + Cbr128(4);
   MediaInfo rec;
   orvo::test::LogCapture quiet;
   EXPECT_EQ(ReadRecord(huge_tag, &rec), -1);
