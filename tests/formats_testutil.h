@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -84,142 +83,51 @@ inline std::vector<std::string> CorpusFiles(const std::string& folder) {
   if (::formats_test::CorpusFiles(folder).empty())                               \
   GTEST_SKIP() << "corpus folder " << folder << " is absent under " ORVO_CORPUS_DIR
 
-// Just enough JSON to read reference.json.
-struct Json {
-  enum Kind { kNull, kBool, kNumber, kString, kArray, kObject } kind = kNull;
-  bool boolean = false;
-  double number = 0;
-  std::string text;
-  std::vector<Json> items;
-  std::map<std::string, Json> fields;
-
-  const Json& operator[](const std::string& key) const {
-    static const Json null;
-    auto it = fields.find(key);
-    return it == fields.end() ? null : it->second;
-  }
-  bool IsNull() const { return kind == kNull; }
-};
-
-class JsonParser {
- public:
-  explicit JsonParser(const std::string& s) : s_(s) {}
-  Json Parse() {
-    Space();
-    Json v;
-    char c = Peek();
-    if (c == '{') {
-      v.kind = Json::kObject;
-      ++i_;
-      Space();
-      if (Peek() == '}') { ++i_; return v; }
-      for (;;) {
-        Space();
-        std::string key = String();
-        Space();
-        ++i_;  // ':'
-        v.fields[key] = Parse();
-        Space();
-        if (s_[i_++] == '}') return v;
-      }
-    }
-    if (c == '[') {
-      v.kind = Json::kArray;
-      ++i_;
-      Space();
-      if (Peek() == ']') { ++i_; return v; }
-      for (;;) {
-        v.items.push_back(Parse());
-        Space();
-        if (s_[i_++] == ']') return v;
-      }
-    }
-    if (c == '"') {
-      v.kind = Json::kString;
-      v.text = String();
-      return v;
-    }
-    if (s_.compare(i_, 4, "null") == 0) { i_ += 4; return v; }
-    if (s_.compare(i_, 4, "true") == 0) { i_ += 4; v.kind = Json::kBool; v.boolean = true; return v; }
-    if (s_.compare(i_, 5, "false") == 0) { i_ += 5; v.kind = Json::kBool; return v; }
-    v.kind = Json::kNumber;
-    size_t used = 0;
-    v.number = std::stod(s_.substr(i_, 40), &used);
-    i_ += used;
-    return v;
-  }
-
- private:
-  char Peek() const { return i_ < s_.size() ? s_[i_] : '\0'; }
-  void Space() { while (i_ < s_.size() && isspace(static_cast<unsigned char>(s_[i_]))) ++i_; }
-  std::string String() {
-    std::string out;
-    ++i_;  // opening quote
-    while (i_ < s_.size() && s_[i_] != '"') {
-      char c = s_[i_++];
-      if (c != '\\') { out += c; continue; }
-      char e = s_[i_++];
-      switch (e) {
-        case 'n': out += '\n'; break;
-        case 't': out += '\t'; break;
-        case 'r': out += '\r'; break;
-        case 'b': out += '\b'; break;
-        case 'f': out += '\f'; break;
-        case 'u': {
-          unsigned cp = std::stoul(s_.substr(i_, 4), nullptr, 16);
-          i_ += 4;
-          if (cp >= 0xD800 && cp < 0xDC00 && s_.compare(i_, 2, "\\u") == 0) {
-            unsigned lo = std::stoul(s_.substr(i_ + 2, 4), nullptr, 16);
-            i_ += 6;
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (lo - 0xDC00);
-          }
-          if (cp < 0x80) {
-            out += static_cast<char>(cp);
-          } else if (cp < 0x800) {
-            out += static_cast<char>(0xC0 | (cp >> 6));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-          } else if (cp < 0x10000) {
-            out += static_cast<char>(0xE0 | (cp >> 12));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-          } else {
-            out += static_cast<char>(0xF0 | (cp >> 18));
-            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-          }
-          break;
-        }
-        default: out += e;
-      }
-    }
-    ++i_;  // closing quote
-    return out;
-  }
-  const std::string& s_;
-  size_t i_ = 0;
-};
-
-// reference.json's entry for a corpus file ("flac/foo.flac"); null when absent.
-inline const Json& Reference(const std::string& relative) {
-  static const Json* root = [] {
+// reference.json's object for a corpus file ("flac/foo.flac"), as text from
+// its key to the next file's key; "" when absent.
+inline std::string Reference(const std::string& relative) {
+  static const std::string json = [] {
     std::ifstream in(CorpusDir() + "/reference.json");
-    std::stringstream ss;
-    ss << in.rdbuf();
-    std::string text = ss.str();
-    return new Json(text.empty() ? Json() : JsonParser(text).Parse());
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
   }();
-  return (*root)["files"][relative];
+  size_t at = json.find("\n  \"" + relative + "\": {");
+  if (at == std::string::npos) return "";
+  size_t end = json.find("\n  \"", at + 4);
+  return json.substr(at, end == std::string::npos ? std::string::npos : end - at);
 }
 
-// The value of a reference field when the tools agree on it (or only one
-// reported it); null otherwise.
-inline const Json& Agreed(const Json& field) {
-  static const Json null;
-  if (field.IsNull() || field["value"].IsNull()) return null;
-  const Json& agree = field["agree"];
-  if (agree.kind == Json::kBool && !agree.boolean) return null;
-  return field["value"];
+// The number after `"key": ` at or after `from` in `text`; NaN when it is
+// missing or not a number.
+inline double NumberAfter(const std::string& text, const std::string& key, size_t from = 0) {
+  size_t at = text.find("\"" + key + "\": ", from);
+  if (at == std::string::npos) return NAN;
+  const char* start = text.c_str() + at + key.size() + 4;
+  char* end = nullptr;
+  double v = strtod(start, &end);
+  return end == start ? NAN : v;
+}
+
+// The field's "value" when the tools agree on it (or only one reported it);
+// NaN otherwise.
+inline double Agreed(const std::string& entry, const std::string& field) {
+  size_t at = entry.find("\"" + field + "\": {");
+  if (at == std::string::npos) return NAN;
+  size_t end = entry.find("\n   }", at);
+  std::string object = entry.substr(at, end == std::string::npos ? std::string::npos : end - at);
+  if (object.find("\"agree\": false") != std::string::npos) return NAN;
+  return NumberAfter(object, "value");
+}
+
+// What one tool reported for a field.
+inline double ByTool(const std::string& entry, const std::string& field, const std::string& tool) {
+  size_t at = entry.find("\"" + field + "\": {");
+  return at == std::string::npos ? NAN : NumberAfter(entry.substr(at, entry.find("\n   }", at) - at), tool);
+}
+
+inline bool ToolFailed(const std::string& entry) {
+  return entry.find("\"ffprobe_failed\": true") != std::string::npos;
 }
 
 inline std::string Relative(const std::string& path) {

@@ -31,15 +31,6 @@ TEST(PlaylistRecord, NameFolderAndSizeOnly) {
   EXPECT_STREQ(m.artist, "");
 }
 
-TEST(PlaylistParameters, NullPathLogsEmptyPathIsSilent) {
-  orvo::test::LogCapture log;
-  EXPECT_EQ(IndexPlaylist(nullptr), -1);
-  EXPECT_TRUE(log.Contains("Bad parameter."));
-  log.Clear();
-  EXPECT_EQ(IndexPlaylist(""), -1);
-  EXPECT_TRUE(log.messages().empty());
-}
-
 TEST(PlaylistRemover, ExistingFileRefusedGoneFileAlwaysSucceeds) {
   TempDir dir;
   std::string path = dir.File("music/list.wpl");
