@@ -73,7 +73,7 @@ int ReadMp4Info(const char* path, MediaInfo* info) {
     info->bitrate = static_cast<int32_t>(sound->codecpar->bit_rate);
   }
   if (video != nullptr && video->codecpar->width == 0) {
-    // The demuxer leaves the size of MPEG-4 Part 2, H.263 and H.261 tracks to
+    // The demuxer leaves the size of MPEG-4 Visual, H.263 and H.261 tracks to
     // their decoder; only then is the costly stream analysis worth it.
     avformat_find_stream_info(ctx.get(), nullptr);
   }
