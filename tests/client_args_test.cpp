@@ -106,22 +106,11 @@ class ClientRun : public ::testing::Test {
   FILE* err_ = fopen("/dev/null", "w");
 };
 
-TEST_F(ClientRun, NoDaemonStillQueuesAndFails) {
-  EXPECT_EQ(Run({"add", "/volume1/music/a.mp3"}), kExitNoDaemon);
-  EXPECT_EQ(Run({"remove", "/volume1/music/b.mp3"}), kExitNoDaemon);
-  EXPECT_EQ(Queue(), "a:/volume1/music/a.mp3\nd:/volume1/music/b.mp3\n");
-}
-
 TEST_F(ClientRun, StalePidOfAnotherProgramIsNotSignalled) {
   // Our own pid: alive, but not the daemon. SIGUSR1 would end this test.
   std::ofstream(pid_) << getpid();
   EXPECT_EQ(Run({"add", "/volume1/music/a.mp3"}), kExitNoDaemon);
   EXPECT_EQ(Run({"status"}), kExitNoDaemon);
-}
-
-TEST_F(ClientRun, BadArgumentWritesNothing) {
-  EXPECT_EQ(Run({"add", "relative.mp3"}), kExitUsage);
-  EXPECT_FALSE(std::filesystem::exists(queue_));
 }
 
 }  // namespace

@@ -51,18 +51,6 @@ TEST(Debounce, SteadySignalsPostponeTheRun) {
   EXPECT_EQ(TicksThatRun({true, true, true, false, false}), std::vector<int>{4});
 }
 
-TEST(Debounce, NoSignalNeverRuns) { EXPECT_TRUE(TicksThatRun(std::vector<bool>(100, false)).empty()); }
-
-TEST(Debounce, RacedResetStillRunsLater) {
-  // A signal that set only gNewSignal after the loop cleared both flags.
-  int dirty = 0, fresh = 1;
-  ASSERT_EQ(DecideTick(dirty, fresh), TickAction::kSetDirty);
-  dirty = 1;
-  ASSERT_EQ(DecideTick(dirty, fresh), TickAction::kClearNewSignal);
-  fresh = 0;
-  EXPECT_EQ(DecideTick(dirty, fresh), TickAction::kRunQueue);
-}
-
 TEST(VacuumSchedule, OnlyStrictlyMoreThanTwelveHours) {
   const time_t last = 1'000'000;
   EXPECT_FALSE(VacuumDue(last + 12 * 3600, last));

@@ -68,12 +68,4 @@ TEST_F(FeatureSwitches, MissingPhotoKeyTakesTheFirstKeysValue) {
   EXPECT_EQ(PhotoRows(), 1u);
 }
 
-TEST_F(FeatureSwitches, MissingKeysCountAsOff) {
-  IndexPictureWith("");
-  EXPECT_EQ(SandboxLogCount("Can't get key valude. key=supportcinedock"), 1);
-  EXPECT_EQ(SandboxLogCount("Can't get key value. key=supportphoto"), 1);
-  EXPECT_EQ(MediaRows(), 1u);
-  EXPECT_EQ(PhotoRows(), 0u);
-}
-
 }  // namespace

@@ -45,13 +45,6 @@ TEST(IndexArguments, BadArgumentsAreLoggedAndRefused) {
   EXPECT_TRUE(log.Contains("index type must be ORVOINDEX_MEDIA"));
 }
 
-TEST(IndexArguments, UnknownTypesAreRefusedSilently) {
-  orvo::test::LogCapture log;
-  EXPECT_EQ(IndexFile("/nonexistent/clip.mkv", 1), -1);
-  EXPECT_EQ(IndexFile("/nonexistent/noextension", 2), -1);
-  EXPECT_TRUE(log.messages().empty());
-}
-
 // A share laid out in /tmp/<name>, two components deep like /volume1/<share>,
 // indexed into a fresh SQLite media database.
 class IndexWalk : public ::testing::Test {
@@ -160,37 +153,6 @@ TEST_F(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
   const auto rows = Rows("directory");
   EXPECT_TRUE(rows.count(path.substr(share_.size() + 1)));
   EXPECT_LT(rows.size(), 40u);
-}
-
-class IndexMp3Files : public IndexWalk {
- protected:
-  // A one-second MP3 made by ffmpeg; false when ffmpeg is missing.
-  bool MakeMp3(const std::string& relative) {
-    const std::string cmd = "ffmpeg -loglevel error -y -f lavfi -i sine=duration=1 -q:a 9 '" + share_ +
-                            "/" + relative + "' </dev/null";
-    return system(cmd.c_str()) == 0;
-  }
-};
-
-TEST_F(IndexMp3Files, CompanionFilesAreNotIndexed) {
-  Dir("m");
-  if (!MakeMp3("m/song.mp3")) GTEST_SKIP() << "ffmpeg cannot make an MP3 here";
-  fs::copy_file(share_ + "/m/song.mp3", share_ + "/m/._song.mp3");
-  EXPECT_EQ(IndexFile((share_ + "/m/._song.mp3").c_str(), kIndexAdd), 0);
-  EXPECT_TRUE(Rows("music").empty());
-  IndexFolder((share_ + "/m").c_str(), kFolderAdd, kIndexMediaDb);
-  EXPECT_EQ(Rows("music"), std::set<std::string>{"m/song.mp3"});
-}
-
-TEST_F(IndexMp3Files, RemoveModeDropsTheRow) {
-  Dir("m");
-  if (!MakeMp3("m/song.mp3")) GTEST_SKIP() << "ffmpeg cannot make an MP3 here";
-  const std::string song = share_ + "/m/song.mp3";
-  IndexFile(song.c_str(), kIndexAdd);
-  ASSERT_EQ(Rows("music"), std::set<std::string>{"m/song.mp3"});
-  fs::remove(song);
-  EXPECT_EQ(IndexFile(song.c_str(), kIndexRemove), 0);
-  EXPECT_TRUE(Rows("music").empty());
 }
 
 }  // namespace
