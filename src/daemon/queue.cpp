@@ -157,10 +157,9 @@ int RunQueueBatch(const QueueFiles& files, QueueExecutor execute, void* context)
   FilePtr batch(fopen(files.batch, "r"));
   if (!batch) {
     const int openError = errno;
-    // An unreadable batch would block every later run; clear it away.
-    if (system(files.removeBatchCommand) == -1) {
-      // Nothing more to do: the failure to open is logged below.
-    }
+    // An unreadable batch would block every later run; clear it away. Its
+    // own failure adds nothing to the message below.
+    [[maybe_unused]] const int removed = system(files.removeBatchCommand);
     ORVO_LOG("%s(%d): Failed to open %s. (%s)", files.batch, strerror(openError));
     return -1;
   }
