@@ -6,12 +6,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <string>
 
 #include "index/index.h"
 #include "platform/orvodb.h"
+#include "support/db_fixture.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -46,24 +46,18 @@ TEST(IndexArguments, BadArgumentsAreLoggedAndRefused) {
 }
 
 // A share laid out in /tmp/<name>, two components deep like /volume1/<share>,
-// indexed into a fresh SQLite media database.
-class IndexWalk : public ::testing::Test {
+// indexed into fresh media databases of each backend.
+class IndexWalk : public orvo::test::DatabaseTest {
  protected:
   void SetUp() override {
+    DatabaseTest::SetUp();
     share_ = "/tmp/orvo_walk_" + std::to_string(getpid());
     fs::remove_all(share_);
     fs::create_directories(share_);
-    db_ = share_ + ".db";
-    fs::remove(db_);
-    ORVODBCloseAll();
-    setenv("ORVO_MEDIA_DB", ("sqlite:" + db_).c_str(), 1);
-    setenv("ORVO_PHOTO_DB", ("sqlite:" + db_ + ".photo").c_str(), 1);
   }
   void TearDown() override {
-    ORVODBCloseAll();
     fs::remove_all(share_);
-    for (const char* suffix : {"", "-wal", "-shm", ".photo", ".photo-wal", ".photo-shm"})
-      fs::remove(db_ + suffix);
+    DatabaseTest::TearDown();
   }
 
   void Dir(const std::string& relative) { fs::create_directories(share_ + "/" + relative); }
@@ -87,10 +81,9 @@ class IndexWalk : public ::testing::Test {
   }
 
   std::string share_;
-  std::string db_;
 };
 
-TEST_F(IndexWalk, DirectoryRowsSkipRecycleBinAndThumbnailFolders) {
+TEST_P(IndexWalk, DirectoryRowsSkipRecycleBinAndThumbnailFolders) {
   for (const char* d : {"a/#recycle/deep", "a/@eaDir/x", "#recycle/old", "b/c/@eaDir", ".hidden"})
     Dir(d);
   IndexFolder(share_.c_str(), kFolderAdd, kIndexMediaDb);
@@ -98,15 +91,17 @@ TEST_F(IndexWalk, DirectoryRowsSkipRecycleBinAndThumbnailFolders) {
             (std::set<std::string>{".", "a", "a/#recycle", "a/#recycle/deep", "b", "b/c", ".hidden"}));
 }
 
-TEST_F(IndexWalk, TreeDeleteRemovesOnlyThatTree) {
-  for (const char* d : {"a/x", "ab", "b"}) Dir(d);
+TEST_P(IndexWalk, TreeDeleteRemovesOnlyThatTree) {
+  for (const char* d : {"a/x", "ab", "b", "c_/x", "cd/x"}) Dir(d);
   IndexFolder(share_.c_str(), kFolderAdd, kIndexMediaDb);
   IndexFolder((share_ + "/a").c_str(), kFolderDelete, kIndexMediaDb);
-  // "ab" shares the prefix "a" but is not below it.
-  EXPECT_EQ(Rows("directory"), (std::set<std::string>{".", "ab", "b"}));
+  // "ab" shares the prefix "a" but is not below it; "_" is a name, not a
+  // pattern that would take "cd" along.
+  IndexFolder((share_ + "/c_").c_str(), kFolderDelete, kIndexMediaDb);
+  EXPECT_EQ(Rows("directory"), (std::set<std::string>{".", "ab", "b", "cd", "cd/x"}));
 }
 
-TEST_F(IndexWalk, DirectoryModeOnlyAddsItsRow) {
+TEST_P(IndexWalk, DirectoryModeOnlyAddsItsRow) {
   Dir("a");
   const std::string a = share_ + "/a";
   EXPECT_EQ(IndexFile(a.c_str(), kIndexRemove), 0);
@@ -117,7 +112,7 @@ TEST_F(IndexWalk, DirectoryModeOnlyAddsItsRow) {
   EXPECT_EQ(Rows("directory"), std::set<std::string>{"a"});
 }
 
-TEST_F(IndexWalk, LinkLoopEndsTheWalk) {
+TEST_P(IndexWalk, LinkLoopEndsTheWalk) {
   Dir("a/b");
   fs::create_directory_symlink(share_, share_ + "/a/b/up");
   fs::create_directory_symlink(share_ + "/a", share_ + "/a/self");
@@ -128,7 +123,7 @@ TEST_F(IndexWalk, LinkLoopEndsTheWalk) {
 
 // A child path cut short at the 4096-byte buffer can name its own parent;
 // the walk must neither loop nor overrun.
-TEST_F(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
+TEST_P(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
   std::string path = share_;
   int fd = open(share_.c_str(), O_RDONLY | O_DIRECTORY);
   ASSERT_GE(fd, 0);
@@ -154,5 +149,7 @@ TEST_F(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
   EXPECT_TRUE(rows.count(path.substr(share_.size() + 1)));
   EXPECT_LT(rows.size(), 40u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Backends, IndexWalk, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
 
 }  // namespace
