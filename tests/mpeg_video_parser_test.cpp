@@ -204,7 +204,7 @@ TEST(MpegVideoSystemStream, RiffVcdTakesAudioFromTheFirstAudioPacket) {
   EXPECT_EQ(m.channels, 3);  // the channel-mode code, as MP3 rows carry it
 }
 
-TEST(MpegVideoSystemStream, VcdAndDvdMadeByFfmpeg) {
+TEST(MpegVideoStreams, VcdDvdAndElementaryStreamsMadeByFfmpeg) {
   REQUIRE_FFMPEG();
   TempDir dir;
   std::string vcd = dir.File("Disc/AVSEQ01.mpg"), dat = dir.File("Disc/AVSEQ01.DAT"), dvd = dir.File("Disc/dvd.vob");
@@ -233,6 +233,14 @@ TEST(MpegVideoSystemStream, VcdAndDvdMadeByFfmpeg) {
   EXPECT_EQ(m.height, 480);
   EXPECT_EQ(m.bitrate, 192000);
   EXPECT_EQ(m.frequency, 48000);
+
+  // An elementary stream starts with its sequence header and has no audio.
+  std::string es = dir.File("Disc/clip.m1v");
+  ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=duration=1:size=320x240:rate=25 -c:v mpeg1video -b:v 800k -f mpeg1video " + es));
+  ASSERT_EQ(FillVcdRecord(es.c_str(), &m), 0);
+  EXPECT_EQ(m.width, 320);
+  EXPECT_EQ(m.height, 240);
+  EXPECT_EQ(m.frequency, 0);
 }
 
 TEST(VcdHandler, FileWithoutVideoIsSavedWithDefaultsAndZeros) {
