@@ -147,4 +147,26 @@ TEST_F(DaemonLifecycle, SteadySignalsPostponeTheRun) {
   EXPECT_TRUE(WaitForHups(2));
 }
 
+// Signals that never leave a whole tick quiet would postpone the run for
+// ever; the 10,000th one forces it. The daemon runs on its real clock here,
+// so no pause of this test can pass for a quiet tick.
+TEST_F(DaemonLifecycle, EndlessSignalsForceARunAtTheCeiling) {
+  std::ofstream(kQueueFile).flush();
+  pid_ = StartDaemon();
+  ASSERT_GT(pid_, 0);
+  ASSERT_TRUE(WaitForHups(1));
+  ASSERT_TRUE(AppendQueueLine("x:forced"));
+  int sent = 0;
+  const auto deadline = std::chrono::steady_clock::now() + 120s;
+  while (SandboxHupCount() < 2 && std::chrono::steady_clock::now() < deadline) {
+    for (int i = 0; i < 100; ++i, ++sent) {
+      ASSERT_EQ(kill(pid_, SIGUSR1), 0);
+      std::this_thread::sleep_for(100us);
+    }
+  }
+  ASSERT_EQ(SandboxHupCount(), 2) << "no run after " << sent << " signals";
+  EXPECT_GE(sent, 10000);
+  EXPECT_EQ(SandboxLogCount("Bad format [x:forced]."), 1);
+}
+
 }  // namespace
