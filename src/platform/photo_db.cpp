@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -67,7 +68,7 @@ struct Number {
 
 Number Decimal(long long value) {
   Number n;
-  snprintf(n.text, sizeof n.text, "%lld", value);
+  *std::to_chars(n.text, n.text + sizeof n.text - 1, value).ptr = '\0';
   return n;
 }
 
