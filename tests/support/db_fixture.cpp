@@ -4,7 +4,6 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 
@@ -40,17 +39,35 @@ std::string WithDatabase(const std::string& uri, const std::string& name) {
 
 void IgnoreNotice(void*, const char*) {}
 
-std::string PgAdmin(const std::string& sql) {
-  PGconn* conn = PQconnectdb(PgUri());
-  PQsetNoticeProcessor(conn, IgnoreNotice, nullptr);
+constexpr int kPoolSlots = 64;
+constexpr int kPoolLockKey = 7340;  // first half of the advisory lock key of a pool slot
+
+// "" on success, else the error.
+std::string Exec(PGconn* conn, const std::string& sql) {
+  PGresult* r = PQexec(conn, sql.c_str());
   std::string error;
-  if (PQstatus(conn) != CONNECTION_OK) {
-    error = PQerrorMessage(conn);
-  } else {
-    PGresult* r = PQexec(conn, sql.c_str());
-    if (PQresultStatus(r) != PGRES_COMMAND_OK) error = PQresultErrorMessage(r);
-    PQclear(r);
-  }
+  if (PQresultStatus(r) != PGRES_COMMAND_OK && PQresultStatus(r) != PGRES_TUPLES_OK)
+    error = PQresultErrorMessage(r);
+  PQclear(r);
+  return error;
+}
+
+// The first field of the first row, "" when none.
+std::string Scalar(PGconn* conn, const std::string& sql) {
+  PGresult* r = PQexec(conn, sql.c_str());
+  std::string out;
+  if (PQresultStatus(r) == PGRES_TUPLES_OK && PQntuples(r) > 0) out = PQgetvalue(r, 0, 0);
+  PQclear(r);
+  return out;
+}
+
+// Leaves the database as a new one: no tables, no triggers, no sequences.
+std::string EmptyDatabase(const std::string& uri) {
+  PGconn* conn = PQconnectdb(uri.c_str());
+  PQsetNoticeProcessor(conn, IgnoreNotice, nullptr);
+  std::string error = PQstatus(conn) == CONNECTION_OK
+                          ? Exec(conn, "drop schema if exists public cascade; create schema public")
+                          : PQerrorMessage(conn);
   PQfinish(conn);
   return error;
 }
@@ -70,8 +87,6 @@ std::vector<std::string> DatabaseBackends() {
 
 void DatabaseTest::SetUp() {
   ORVODBCloseAll();
-  static std::atomic<int> counter{0};
-  const int n = counter++;
   char pattern[] = "/tmp/orvo-dbtest-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
   tempDir_ = pattern;
@@ -86,14 +101,31 @@ void DatabaseTest::SetUp() {
       if (RequirePg()) FAIL() << "ORVO_TEST_REQUIRE_PG=1 but ORVO_TEST_PG_URI is not set";
       GTEST_SKIP() << "set ORVO_TEST_PG_URI to a PostgreSQL server to run this case there";
     }
+    claim_ = PQconnectdb(PgUri());
+    PQsetNoticeProcessor(claim_, IgnoreNotice, nullptr);
+    ASSERT_EQ(PQstatus(claim_), CONNECTION_OK)
+        << "ORVO_TEST_PG_URI is unreachable: " << PQerrorMessage(claim_);
+    int slot = -1;
+    for (int k = 0; k < kPoolSlots && slot < 0; ++k) {
+      if (Scalar(claim_, "select pg_try_advisory_lock(" + std::to_string(kPoolLockKey) + ", " +
+                             std::to_string(k) + ")") == "t")
+        slot = k;
+    }
+    ASSERT_GE(slot, 0) << "every pooled test database is in use";
     for (const char* kind : {"media", "photo"}) {
-      std::string name = "orvo_test_" + std::to_string(getpid()) + "_" + std::to_string(n) + "_" + kind;
-      PgAdmin("drop database if exists " + name);
-      std::string error = PgAdmin("create database " + name +
-                                  " encoding 'SQL_ASCII' locale 'C' template template0");
-      ASSERT_EQ(error, "") << "cannot create a test database on ORVO_TEST_PG_URI";
-      pgDatabases_.push_back(name);
-      (std::string(kind) == "media" ? media_ : photo_) = WithDatabase(PgUri(), name);
+      std::string name = "orvo_test_pool_" + std::to_string(slot) + "_" + kind;
+      std::string encoding = Scalar(claim_, "select pg_encoding_to_char(encoding) from pg_database"
+                                            " where datname = '" + name + "'");
+      if (encoding != "SQL_ASCII") {
+        if (!encoding.empty()) Exec(claim_, "drop database " + name + " with (force)");
+        ASSERT_EQ(Exec(claim_, "create database " + name +
+                                   " encoding 'SQL_ASCII' locale 'C' template template0"),
+                  "")
+            << "cannot create a test database on ORVO_TEST_PG_URI";
+      }
+      std::string uri = WithDatabase(PgUri(), name);
+      ASSERT_EQ(EmptyDatabase(uri), "") << name;
+      (std::string(kind) == "media" ? media_ : photo_) = uri;
     }
   }
   setenv("ORVO_MEDIA_DB", media_.c_str(), 1);
@@ -103,8 +135,12 @@ void DatabaseTest::SetUp() {
 void DatabaseTest::TearDown() {
   ORVODBFlush();
   ORVODBCloseAll();
-  for (const auto& name : pgDatabases_) PgAdmin("drop database if exists " + name + " with (force)");
-  pgDatabases_.clear();
+  if (claim_ != nullptr) {
+    EmptyDatabase(media_);
+    EmptyDatabase(photo_);
+    PQfinish(claim_);  // releases the pair
+    claim_ = nullptr;
+  }
   SetOrRestore("ORVO_MEDIA_DB", hadMedia_, savedMedia_);
   SetOrRestore("ORVO_PHOTO_DB", hadPhoto_, savedPhoto_);
   if (!tempDir_.empty()) {

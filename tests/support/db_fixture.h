@@ -20,6 +20,8 @@
 
 #include "platform/orvodb.h"
 
+struct pg_conn;
+
 namespace orvo::test {
 
 // Backends to run database suites on: "sqlite" and "postgresql". The
@@ -29,11 +31,17 @@ namespace orvo::test {
 // of the build.
 std::vector<std::string> DatabaseBackends();
 
-// SetUp points ORVO_MEDIA_DB and ORVO_PHOTO_DB at two fresh, empty databases
-// of the backend GetParam() names (SQLite files in a temporary folder;
-// PostgreSQL databases created with ENCODING 'SQL_ASCII' LOCALE 'C' TEMPLATE
-// template0), closing any open connections first; TearDown flushes, closes
-// and drops them.
+// SetUp points ORVO_MEDIA_DB and ORVO_PHOTO_DB at two empty databases of the
+// backend GetParam() names, closing any open connections first; TearDown
+// flushes, closes and empties or removes them.
+//
+// SQLite: fresh files in a temporary folder. PostgreSQL: a pair of databases
+// orvo_test_pool_<n>_{media,photo}, created once with ENCODING 'SQL_ASCII'
+// LOCALE 'C' TEMPLATE template0 and kept on the server, because creating and
+// dropping a database costs seconds per case. A test claims a pair with a
+// session advisory lock (so parallel test processes never share one) and
+// finds it emptied: the public schema is dropped and made again before and
+// after each test.
 class DatabaseTest : public ::testing::TestWithParam<std::string> {
  protected:
   void SetUp() override;
@@ -55,7 +63,7 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
  private:
   std::string tempDir_;
   std::string media_, photo_;
-  std::vector<std::string> pgDatabases_;
+  ::pg_conn* claim_ = nullptr;  // holds the advisory lock on the pair
   std::string savedMedia_, savedPhoto_;
   bool hadMedia_ = false, hadPhoto_ = false;
 };
