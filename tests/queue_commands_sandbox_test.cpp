@@ -8,6 +8,7 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "daemon_sandbox_env.h"
 #include "support/sandbox.h"
@@ -161,6 +162,23 @@ TEST_F(QueueCommands, TruncateEmptiesOnlyKnownTables) {
   EXPECT_FALSE(Paths("directory").empty());
   Run({"T:directory"});
   EXPECT_TRUE(Paths("directory").empty());
+}
+
+// Lines queued while a batch runs go to a new queue and a later run: each
+// line runs once, none is lost.
+TEST_F(QueueCommands, LinesQueuedDuringARunRunLater) {
+  {
+    std::ofstream queue(kQueueFile);
+    for (int i = 0; i < 20000; ++i) queue << "x:first batch " << i << "\n";
+  }
+  ASSERT_TRUE(SignalDaemon());
+  while (!fs::exists(kBatchFile) && SandboxHupCount() < runs_ + 1) std::this_thread::sleep_for(1ms);
+  ASSERT_TRUE(AppendQueueLine("x:during the run"));
+  ASSERT_TRUE(SignalDaemon());
+  ASSERT_TRUE(WaitForLog("Bad format [x:during the run]."));
+  ASSERT_TRUE(WaitForLog("Bad format [x:first batch 19999]."));
+  EXPECT_EQ(SandboxLogCount("Bad format [x:first batch "), 20000);
+  EXPECT_EQ(SandboxLogCount("Bad format [x:during the run]."), 1);
 }
 
 }  // namespace
