@@ -30,7 +30,7 @@ struct QueueCommand {
 
 enum class QueueLineStatus {
   kCommand,         // a well-formed line (its newline removed)
-  kCommandNoNewline,// well formed, but the piece did not end in a newline
+  kCommandNoNewline,  // well formed, but the piece did not end in a newline
   kBadFormat,       // byte 1 is not ':'
 };
 
