@@ -243,8 +243,8 @@ int SqliteOpen(ORVODB* db, const std::string& file) {
   const int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
   if (sqlite3_create_function(lite, "like", 2, flags, nullptr, LikeFunction, nullptr, nullptr) ||
       sqlite3_create_function(lite, "like", 3, flags, nullptr, LikeFunction, nullptr, nullptr) ||
-      SqliteControl(db, "pragma journal_mode = wal") ||
-      SqliteControl(db, "pragma synchronous = normal")) {
+      SqliteControl(db, "pragma synchronous = normal") ||
+      SqliteControl(db, "pragma journal_mode = wal")) {
     if (db->error.empty()) db->error = sqlite3_errmsg(lite);
     SqliteClose(db);
     return -1;
