@@ -12,6 +12,8 @@
 #include <sqlite3.h>
 #include <sstream>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -34,12 +36,13 @@ std::string LogFile() { return EnvOr("ORVO_SANDBOX_LOG", "/run/orvo-sandbox/sysl
 std::string HupFile() { return EnvOr("ORVO_SANDBOX_HUPS", "/run/orvo-sandbox/hups"); }
 
 template <typename Done>
-bool PollUntil(std::chrono::milliseconds timeout, Done done) {
+bool PollUntil(std::chrono::milliseconds timeout, Done done,
+               std::chrono::milliseconds interval = kPoll) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     if (done()) return true;
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(kPoll);
+    std::this_thread::sleep_for(interval);
   }
 }
 
@@ -101,23 +104,62 @@ bool InSandbox() {
   return flag != nullptr && strcmp(flag, "1") == 0 && stat("/dev/log", &st) == 0 && S_ISSOCK(st.st_mode);
 }
 
-std::vector<std::string> SandboxLogLines() {
+namespace {
+
+constexpr std::string_view kSyncMarker = "orvo-sandbox-sync ";
+
+std::vector<std::string> ReadLogFile() {
   std::vector<std::string> lines;
   std::ifstream in(LogFile());
   std::string line;
-  while (std::getline(in, line)) lines.push_back(line);
+  while (std::getline(in, line))
+    if (line.find(kSyncMarker) == std::string::npos) lines.push_back(line);
   return lines;
 }
 
-int SandboxLogCount(std::string_view text) {
+bool LogFileHas(std::string_view text) {
+  std::ifstream in(LogFile());
+  std::string line;
+  while (std::getline(in, line))
+    if (line.find(text) != std::string::npos) return true;
+  return false;
+}
+
+int CountIn(const std::vector<std::string>& lines, std::string_view text) {
   int n = 0;
-  for (const auto& line : SandboxLogLines())
+  for (const auto& line : lines)
     if (line.find(text) != std::string::npos) ++n;
   return n;
 }
 
+// The listener writes what it receives a moment later. One socket queues
+// all senders' messages in order, so once a marker sent now is in the file,
+// so is every message sent before it, by any process.
+void SyncLog() {
+  static int sequence = 0;
+  std::string marker = std::string(kSyncMarker) + std::to_string(getpid()) + "." + std::to_string(++sequence);
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return;
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  strcpy(addr.sun_path, "/dev/log");
+  bool sent = sendto(fd, marker.data(), marker.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr) ==
+              static_cast<ssize_t>(marker.size());
+  close(fd);
+  if (sent) PollUntil(5s, [&] { return LogFileHas(marker); }, 1ms);
+}
+
+}  // namespace
+
+std::vector<std::string> SandboxLogLines() {
+  if (InSandbox()) SyncLog();
+  return ReadLogFile();
+}
+
+int SandboxLogCount(std::string_view text) { return CountIn(SandboxLogLines(), text); }
+
 bool WaitForLog(std::string_view text, std::chrono::milliseconds timeout) {
-  return PollUntil(timeout, [&] { return SandboxLogCount(text) > 0; });
+  return PollUntil(timeout, [&] { return CountIn(ReadLogFile(), text) > 0; }) || SandboxLogCount(text) > 0;
 }
 
 int SandboxHupCount() {
@@ -128,6 +170,19 @@ int SandboxHupCount() {
 
 bool WaitForHups(int n, std::chrono::milliseconds timeout) {
   return PollUntil(timeout, [&] { return SandboxHupCount() >= n; });
+}
+
+// True once `pid` has a handler for `signo`: the daemon writes its pid file
+// before it installs its handlers, and a SIGUSR1 in between would kill it.
+static bool CatchesSignal(pid_t pid, int signo) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("SigCgt:", 0) != 0) continue;
+    unsigned long long mask = strtoull(line.c_str() + 7, nullptr, 16);
+    return (mask >> (signo - 1)) & 1;
+  }
+  return false;
 }
 
 bool ProcessAlive(pid_t pid) {
@@ -158,7 +213,7 @@ pid_t StartDaemon(const std::vector<std::string>& extraEnv, std::chrono::millise
   pid_t daemonPid = -1;
   bool started = PollUntil(timeout, [&] {
     int pid = ReadPid(kDaemonPidFile);
-    if (pid > 0 && ProcessAlive(pid)) {
+    if (pid > 0 && ProcessAlive(pid) && CatchesSignal(pid, SIGUSR1)) {
       daemonPid = pid;
       return true;
     }

@@ -33,8 +33,10 @@ inline const std::vector<std::string> kFastClock = {
 // True inside the appliance sandbox (its listener holds /dev/log).
 bool InSandbox();
 
-// Every syslog message received so far, one per element, as sent (with the
-// "<pri>timestamp ident[pid]: " header).
+// Every syslog message sent so far (by any process in the sandbox), one per
+// element, as sent (with the "<pri>timestamp ident[pid]: " header). Waits
+// until the listener has written all of them, so a message logged just
+// before the call is counted.
 std::vector<std::string> SandboxLogLines();
 // How many received messages contain `text`.
 int SandboxLogCount(std::string_view text);
@@ -48,7 +50,8 @@ bool WaitForHups(int n, std::chrono::milliseconds timeout = 60s);
 
 // Starts ORVO_BINARY_DIR/orvoindexd with the sandbox's environment plus
 // `extraEnv` ("NAME=value"), waits until it has written its pid file and
-// returns the daemon's pid; -1 when it did not come up in time. The test
+// installed its SIGUSR1 handler, and returns the daemon's pid; -1 when it
+// did not come up in time. The test
 // process becomes the daemon's reaper, so StopDaemon can collect its status.
 pid_t StartDaemon(const std::vector<std::string>& extraEnv = {},
                   std::chrono::milliseconds timeout = 30s);
