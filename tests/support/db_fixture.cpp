@@ -18,55 +18,40 @@ const char* PgUri() {
   return uri != nullptr && *uri != '\0' ? uri : nullptr;
 }
 
-bool RequirePg() {
-  const char* require = getenv("ORVO_TEST_REQUIRE_PG");
-  return require != nullptr && std::string(require) == "1";
-}
-
 // The URI with its database name replaced by `name`.
 std::string WithDatabase(const std::string& uri, const std::string& name) {
   size_t scheme = uri.find("://");
   size_t start = uri.find('/', scheme == std::string::npos ? 0 : scheme + 3);
   size_t query = uri.find('?');
-  if (start == std::string::npos || (query != std::string::npos && start > query)) {
-    // No path part: insert one before the query.
-    size_t at = query == std::string::npos ? uri.size() : query;
-    return uri.substr(0, at) + "/" + name + uri.substr(at);
-  }
   size_t end = query == std::string::npos ? uri.size() : query;
+  if (start == std::string::npos || start > end) return uri.substr(0, end) + "/" + name + uri.substr(end);
   return uri.substr(0, start + 1) + name + uri.substr(end);
 }
 
 void IgnoreNotice(void*, const char*) {}
 
-constexpr int kPoolSlots = 64;
-constexpr int kPoolLockKey = 7340;  // first half of the advisory lock key of a pool slot
-
-// "" on success, else the error.
-std::string Exec(PGconn* conn, const std::string& sql) {
-  PGresult* r = PQexec(conn, sql.c_str());
-  std::string error;
-  if (PQresultStatus(r) != PGRES_COMMAND_OK && PQresultStatus(r) != PGRES_TUPLES_OK)
-    error = PQresultErrorMessage(r);
-  PQclear(r);
-  return error;
+PGconn* Connect(const std::string& uri) {
+  PGconn* conn = PQconnectdb(uri.c_str());
+  PQsetNoticeProcessor(conn, IgnoreNotice, nullptr);
+  return conn;
 }
 
-// The first field of the first row, "" when none.
+// The first field of the first row ("" when none), or "ERROR: ..." on failure.
 std::string Scalar(PGconn* conn, const std::string& sql) {
   PGresult* r = PQexec(conn, sql.c_str());
   std::string out;
-  if (PQresultStatus(r) == PGRES_TUPLES_OK && PQntuples(r) > 0) out = PQgetvalue(r, 0, 0);
+  if (PQresultStatus(r) != PGRES_COMMAND_OK && PQresultStatus(r) != PGRES_TUPLES_OK)
+    out = std::string("ERROR: ") + PQresultErrorMessage(r);
+  else if (PQntuples(r) > 0) out = PQgetvalue(r, 0, 0);
   PQclear(r);
   return out;
 }
 
 // Leaves the database as a new one: no tables, no triggers, no sequences.
 std::string EmptyDatabase(const std::string& uri) {
-  PGconn* conn = PQconnectdb(uri.c_str());
-  PQsetNoticeProcessor(conn, IgnoreNotice, nullptr);
+  PGconn* conn = Connect(uri);
   std::string error = PQstatus(conn) == CONNECTION_OK
-                          ? Exec(conn, "drop schema if exists public cascade; create schema public")
+                          ? Scalar(conn, "drop schema if exists public cascade; create schema public")
                           : PQerrorMessage(conn);
   PQfinish(conn);
   return error;
@@ -79,11 +64,7 @@ void SetOrRestore(const char* name, bool had, const std::string& value) {
 
 }  // namespace
 
-std::vector<std::string> DatabaseBackends() {
-  // PostgreSQL is always listed, so that test discovery at build time does
-  // not depend on the build's environment; SetUp skips it without a server.
-  return {"sqlite", "postgresql"};
-}
+std::vector<std::string> DatabaseBackends() { return {"sqlite", "postgresql"}; }
 
 void DatabaseTest::SetUp() {
   ORVODBCloseAll();
@@ -92,40 +73,33 @@ void DatabaseTest::SetUp() {
   tempDir_ = pattern;
   if (const char* v = getenv("ORVO_MEDIA_DB")) hadMedia_ = true, savedMedia_ = v;
   if (const char* v = getenv("ORVO_PHOTO_DB")) hadPhoto_ = true, savedPhoto_ = v;
-
   if (!IsPostgres()) {
     media_ = "sqlite:" + tempDir_ + "/db/mediaserver.db";
     photo_ = "sqlite:" + tempDir_ + "/db/photo.db";
   } else {
     if (PgUri() == nullptr) {
-      if (RequirePg()) FAIL() << "ORVO_TEST_REQUIRE_PG=1 but ORVO_TEST_PG_URI is not set";
+      const char* require = getenv("ORVO_TEST_REQUIRE_PG");
+      if (require != nullptr && std::string(require) == "1")
+        FAIL() << "ORVO_TEST_REQUIRE_PG=1 but ORVO_TEST_PG_URI is not set";
       GTEST_SKIP() << "set ORVO_TEST_PG_URI to a PostgreSQL server to run this case there";
     }
-    claim_ = PQconnectdb(PgUri());
-    PQsetNoticeProcessor(claim_, IgnoreNotice, nullptr);
-    ASSERT_EQ(PQstatus(claim_), CONNECTION_OK)
-        << "ORVO_TEST_PG_URI is unreachable: " << PQerrorMessage(claim_);
+    claim_ = Connect(PgUri());
+    ASSERT_EQ(PQstatus(claim_), CONNECTION_OK) << "ORVO_TEST_PG_URI is unreachable: " << PQerrorMessage(claim_);
     int slot = -1;
-    for (int k = 0; k < kPoolSlots && slot < 0; ++k) {
-      if (Scalar(claim_, "select pg_try_advisory_lock(" + std::to_string(kPoolLockKey) + ", " +
-                             std::to_string(k) + ")") == "t")
-        slot = k;
-    }
+    for (int k = 0; k < 64 && slot < 0; ++k)
+      if (Scalar(claim_, "select pg_try_advisory_lock(7340, " + std::to_string(k) + ")") == "t") slot = k;
     ASSERT_GE(slot, 0) << "every pooled test database is in use";
-    for (const char* kind : {"media", "photo"}) {
-      std::string name = "orvo_test_pool_" + std::to_string(slot) + "_" + kind;
+    for (std::string* location : {&media_, &photo_}) {
+      std::string name = "orvo_test_pool_" + std::to_string(slot) + (location == &media_ ? "_media" : "_photo");
       std::string encoding = Scalar(claim_, "select pg_encoding_to_char(encoding) from pg_database"
                                             " where datname = '" + name + "'");
       if (encoding != "SQL_ASCII") {
-        if (!encoding.empty()) Exec(claim_, "drop database " + name + " with (force)");
-        ASSERT_EQ(Exec(claim_, "create database " + name +
-                                   " encoding 'SQL_ASCII' locale 'C' template template0"),
-                  "")
+        if (!encoding.empty()) Scalar(claim_, "drop database " + name + " with (force)");
+        ASSERT_EQ(Scalar(claim_, "create database " + name + " encoding 'SQL_ASCII' locale 'C' template template0"), "")
             << "cannot create a test database on ORVO_TEST_PG_URI";
       }
-      std::string uri = WithDatabase(PgUri(), name);
-      ASSERT_EQ(EmptyDatabase(uri), "") << name;
-      (std::string(kind) == "media" ? media_ : photo_) = uri;
+      *location = WithDatabase(PgUri(), name);
+      ASSERT_EQ(EmptyDatabase(*location), "") << name;
     }
   }
   setenv("ORVO_MEDIA_DB", media_.c_str(), 1);
@@ -143,38 +117,30 @@ void DatabaseTest::TearDown() {
   }
   SetOrRestore("ORVO_MEDIA_DB", hadMedia_, savedMedia_);
   SetOrRestore("ORVO_PHOTO_DB", hadPhoto_, savedPhoto_);
-  if (!tempDir_.empty()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(tempDir_, ignored);
-  }
+  std::error_code ignored;
+  if (!tempDir_.empty()) std::filesystem::remove_all(tempDir_, ignored);
 }
 
 std::string DatabaseTest::QueryElsewhere(OrvoDatabase which, const std::string& sql) const {
   const std::string& location = Location(which);
-  std::string out;
-  if (!IsPostgres()) {
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(location.c_str() + 7, &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-      sqlite3_close(db);
-      return "ERROR: open";
-    }
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
-      out = std::string("ERROR: ") + sqlite3_errmsg(db);
-    } else if (sqlite3_step(stmt) == SQLITE_ROW) {
-      auto text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-      out = text ? text : "";
-    }
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
+  if (IsPostgres()) {
+    PGconn* conn = Connect(location);
+    std::string out = Scalar(conn, sql);
+    PQfinish(conn);
     return out;
   }
-  PGconn* conn = PQconnectdb(location.c_str());
-  PGresult* r = PQexec(conn, sql.c_str());
-  if (PQresultStatus(r) != PGRES_TUPLES_OK) out = std::string("ERROR: ") + PQerrorMessage(conn);
-  else if (PQntuples(r) > 0) out = PQgetvalue(r, 0, 0);
-  PQclear(r);
-  PQfinish(conn);
+  sqlite3* db = nullptr;
+  sqlite3_stmt* stmt = nullptr;
+  std::string out;
+  if (sqlite3_open_v2(location.c_str() + 7, &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK ||
+      sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+    out = std::string("ERROR: ") + sqlite3_errmsg(db);
+  } else if (sqlite3_step(stmt) == SQLITE_ROW) {
+    auto text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+    out = text ? text : "";
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
   return out;
 }
 
@@ -186,10 +152,8 @@ std::string QueryAll(OrvoDatabase which, const std::string& sql) {
   ORVODBRow row;
   while (ORVODBFetchRow(result, &row) == 0) {
     if (!out.empty()) out += '\n';
-    for (size_t c = 0; c < result->columns.size(); ++c) {
-      if (c > 0) out += '|';
-      out += ORVODBFetchField(result, row, result->columns[c].c_str());
-    }
+    for (size_t c = 0; c < result->columns.size(); ++c)
+      out += (c > 0 ? "|" : "") + std::string(ORVODBFetchField(result, row, result->columns[c].c_str()));
   }
   ORVODBFreeResult(result);
   return out;
