@@ -7,7 +7,6 @@
 #include <unistd.h>
 #include <utime.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -31,10 +30,7 @@ constexpr time_t kFileTime = 1234567890;
 // Doubles single quotes for a literal in the test's own queries.
 std::string Sql(const std::string& text) {
   std::string out;
-  for (char c : text) {
-    out += c;
-    if (c == '\'') out += '\'';
-  }
+  for (char c : text) out += c == '\'' ? "''" : std::string(1, c);
   return out;
 }
 
@@ -43,13 +39,10 @@ std::string MediaRow(const std::string& columns, const std::string& path) {
 }
 
 std::string PhotoRow(const std::string& columns, const std::string& path) {
-  return QueryAll(OrvoDatabase::kPhoto,
-                  "select " + columns + " from photo_image where path = '" + Sql(path) + "'");
+  return QueryAll(OrvoDatabase::kPhoto, "select " + columns + " from photo_image where path = '" + Sql(path) + "'");
 }
 
-std::string PhotoPaths() {
-  return QueryAll(OrvoDatabase::kPhoto, "select path from photo_image order by path");
-}
+std::string PhotoPaths() { return QueryAll(OrvoDatabase::kPhoto, "select path from photo_image order by path"); }
 
 class PhotoIndex : public orvo::test::DatabaseTest {
  protected:
@@ -57,99 +50,85 @@ class PhotoIndex : public orvo::test::DatabaseTest {
     DatabaseTest::SetUp();
     setenv("TZ", "UTC", 1);
     tzset();
-    base_ = TempDir() + "/base.jpg";
-    std::string command = "ffmpeg -v error -y -f lavfi -i color=c=red:s=16x16 -frames:v 1 '" + base_ + "' </dev/null";
-    haveTools_ = system(command.c_str()) == 0 && system("exiftool -ver >/dev/null 2>&1") == 0;
+    haveTools_ = system("exiftool -ver >/dev/null 2>&1") == 0;
   }
 
-  // A JPEG at `relative` under the scratch folder, with the exiftool
-  // arguments applied and a fixed modification time.
-  std::string Jpeg(const std::string& relative, const std::string& exiftoolArgs = "") {
+  // A JPEG of the given size at `relative` under the scratch folder, with
+  // the exiftool arguments applied and a fixed modification time.
+  std::string Jpeg(const std::string& relative, const std::string& exiftoolArgs, const char* size = "16x16") {
     std::string path = TempDir() + "/" + relative;
     fs::create_directories(fs::path(path).parent_path());
-    fs::copy_file(base_, path, fs::copy_options::overwrite_existing);
-    if (!exiftoolArgs.empty()) {
-      std::string command = "exiftool -q -q -overwrite_original " + exiftoolArgs + " '" + path + "' >/dev/null";
-      EXPECT_EQ(system(command.c_str()), 0) << command;
-    }
-    SetTime(path);
-    return path;
+    std::string command = std::string("ffmpeg -v error -y -f lavfi -i color=c=red:s=") + size +
+                          " -frames:v 1 '" + path + "' </dev/null && exiftool -q -q -overwrite_original " +
+                          exiftoolArgs + " '" + path + "' >/dev/null";
+    EXPECT_EQ(system(command.c_str()), 0) << command;
+    return Dated(path);
   }
 
-  // A file of `size` bytes (sparse) at `relative`.
+  // A sparse file of `size` bytes at `relative`.
   std::string Sized(const std::string& relative, off_t size) {
     std::string path = TempDir() + "/" + relative;
     fs::create_directories(fs::path(path).parent_path());
     { std::ofstream touch(path); }
     EXPECT_EQ(truncate(path.c_str(), size), 0);
-    SetTime(path);
+    return Dated(path);
+  }
+
+  static std::string Dated(const std::string& path) {
+    struct utimbuf times = {kFileTime, kFileTime};
+    utime(path.c_str(), &times);
     return path;
   }
 
-  static void SetTime(const std::string& path) {
-    struct utimbuf times = {kFileTime, kFileTime};
-    utime(path.c_str(), &times);
-  }
-
-  std::string base_;
   bool haveTools_ = false;
 };
 
 // The same picture lands differently in the two databases: the media row
 // carries the EXIF date as a time value, the photo row keeps its text.
 TEST_P(PhotoIndex, MediaRowAndPhotoRowOfOneJpeg) {
-  if (!haveTools_) GTEST_SKIP() << "ffmpeg or exiftool not available";
+  if (!haveTools_) GTEST_SKIP() << "exiftool not available";
   std::string path = Jpeg("Holiday/beach.day.jpg",
                           "-Make=Canon -Model='EOS 40D' -ExposureTime=1/160 -FNumber=7.1 -ISO=100 "
                           "-ModifyDate='2000:01:01 00:00:00' -DateTimeOriginal='2001:02:03 04:05:06'");
   ASSERT_EQ(IndexPhoto(path.c_str()), 0);
   ASSERT_EQ(ORVOPhotoIndexAdd(path.c_str(), 1), 0);
-
   struct tm taken = {};
   taken.tm_year = 101, taken.tm_mon = 1, taken.tm_mday = 3, taken.tm_hour = 4, taken.tm_min = 5, taken.tm_sec = 6;
-  std::string expectedTime = std::to_string(timegm(&taken));
+  std::string size = std::to_string(fs::file_size(path));
   EXPECT_EQ(MediaRow("title, album, camera_make, camera_model, exposure_time, aperture, iso, mtime, filesize", path),
-            "beach.day|Holiday|Canon|EOS 40D|1/160 sec.|f/7.1|100|" + expectedTime + "|" +
-                std::to_string(fs::file_size(path)));
+            "beach.day|Holiday|Canon|EOS 40D|1/160 sec.|f/7.1|100|" + std::to_string(timegm(&taken)) + "|" + size);
   EXPECT_EQ(PhotoRow("name, title, album, make, model, exposure, aperture, iso, takendate, filesize", path),
-            "beach.day.jpg|beach.day|Holiday|Canon|EOS 40D|1/160 sec.|f/7.1|100|2001:02:03 04:05:06|" +
-                std::to_string(fs::file_size(path)));
+            "beach.day.jpg|beach.day|Holiday|Canon|EOS 40D|1/160 sec.|f/7.1|100|2001:02:03 04:05:06|" + size);
 }
 
 // Without an EXIF date the media row keeps the file's mtime and the photo
 // row falls back to the change time as "%F %T"; change_time holds ctime()'s
-// text with its newline.
+// text with its newline. mktime's answer for an EXIF date is kept whatever
+// it is (a normalised overflow, the error value -1); only 0 keeps the mtime.
 TEST_P(PhotoIndex, DateFallbacksDifferPerPath) {
   std::string path = Sized("plain/pic.png", 100);
   ASSERT_EQ(IndexPhoto(path.c_str()), 0);
   ASSERT_EQ(ORVOPhotoIndexAdd(path.c_str(), 1), 0);
   EXPECT_EQ(MediaRow("mtime", path), std::to_string(kFileTime));
-
   struct stat st = {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
-  char expected[32] = {};
+  char changed[32] = {};
   struct tm local = {};
-  localtime_r(&st.st_ctime, &local);
-  strftime(expected, sizeof expected, "%F %T", &local);
-  EXPECT_EQ(PhotoRow("takendate", path), expected);
-  EXPECT_EQ(PhotoRow("change_time", path), std::string(ctime(&st.st_ctime)));
-}
+  strftime(changed, sizeof changed, "%F %T", localtime_r(&st.st_ctime, &local));
+  EXPECT_EQ(PhotoRow("takendate, change_time", path), std::string(changed) + "|" + ctime(&st.st_ctime));
 
-// mktime's answer replaces the date whatever it is: a normalised overflow,
-// the error value -1; only 0 leaves the modification time.
-TEST_P(PhotoIndex, ExifDateConversionKeepsMktimeQuirks) {
-  if (!haveTools_) GTEST_SKIP() << "ffmpeg or exiftool not available";
-  std::string overflow = Jpeg("d/overflow.jpg", "'-DateTimeOriginal#=2001:13:45 25:61:61'");
-  std::string minusOne = Jpeg("d/minus.jpg", "'-DateTimeOriginal=1969:12:31 23:59:59'");
-  std::string epoch = Jpeg("d/epoch.jpg", "'-DateTimeOriginal=1970:01:01 00:00:00'");
-  for (const std::string& path : {overflow, minusOne, epoch}) ASSERT_EQ(IndexPhoto(path.c_str()), 0) << path;
-
-  struct tm normalised = {};
-  normalised.tm_year = 101, normalised.tm_mon = 12, normalised.tm_mday = 45;
-  normalised.tm_hour = 25, normalised.tm_min = 61, normalised.tm_sec = 61;
-  EXPECT_EQ(MediaRow("mtime", overflow), std::to_string(timegm(&normalised)));
-  EXPECT_EQ(MediaRow("mtime", minusOne), "-1");
-  EXPECT_EQ(MediaRow("mtime", epoch), std::to_string(kFileTime));
+  if (!haveTools_) GTEST_SKIP() << "exiftool not available";
+  struct tm overflow = {};
+  overflow.tm_year = 101, overflow.tm_mon = 12, overflow.tm_mday = 45;
+  overflow.tm_hour = 25, overflow.tm_min = 61, overflow.tm_sec = 61;
+  const std::pair<const char*, std::string> cases[] = {{"2001:13:45 25:61:61", std::to_string(timegm(&overflow))},
+                                                       {"1969:12:31 23:59:59", "-1"},
+                                                       {"1970:01:01 00:00:00", std::to_string(kFileTime)}};
+  for (const auto& [date, mtime] : cases) {
+    std::string jpeg = Jpeg(std::string("d/") + date + ".jpg", std::string("'-DateTimeOriginal#=") + date + "'");
+    ASSERT_EQ(IndexPhoto(jpeg.c_str()), 0);
+    EXPECT_EQ(MediaRow("mtime", jpeg), mtime) << date;
+  }
 }
 
 // 20 MiB and more, and empty files, stay out of the photo database only.
@@ -157,87 +136,40 @@ TEST_P(PhotoIndex, PhotoDatabaseSizeBoundIsExact) {
   std::string atLimit = Sized("big/limit.jpg", 20971520);
   std::string below = Sized("big/below.jpg", 20971519);
   std::string empty = Sized("big/empty.jpg", 0);
-
   EXPECT_EQ(ORVOPhotoIndexAdd(atLimit.c_str(), 1), -1);
   EXPECT_EQ(ORVOPhotoIndexAdd(empty.c_str(), 1), -1);
   EXPECT_EQ(ORVOPhotoIndexAdd(below.c_str(), 1), 0);
   EXPECT_EQ(PhotoPaths(), below);
-
   for (const std::string& path : {atLimit, below, empty}) EXPECT_EQ(IndexPhoto(path.c_str()), 0);
-  EXPECT_EQ(MediaRow("filesize", atLimit), "20971520");
-  EXPECT_EQ(MediaRow("filesize", empty), "0");
+  EXPECT_EQ(MediaRow("filesize", atLimit) + "," + MediaRow("filesize", empty), "20971520,0");
 }
 
-// Hidden names and the appliance's @eaDir folders: which path skips what.
-TEST_P(PhotoIndex, HiddenAndThumbnailFolderSkips) {
+// Which path skips what: a hidden name gets a media row only, a file in a
+// thumbnail folder neither, and a name without any '.' a media row without
+// date, size or EXIF.
+TEST_P(PhotoIndex, SkipsDifferPerPath) {
   std::string hidden = Sized("h/.hidden.jpg", 10);
   std::string thumb = Sized("h/@eaDir/a.jpg", 10);
-
-  EXPECT_EQ(IndexPhoto(hidden.c_str()), 0);
-  EXPECT_EQ(MediaRow("title", hidden), ".hidden");
+  std::string noDot = Sized("nodot/picture", 50);
+  for (const std::string& path : {hidden, thumb, noDot}) EXPECT_EQ(IndexPhoto(path.c_str()), 0) << path;
+  EXPECT_EQ(MediaRow("title", hidden) + "," + MediaRow("count(*)", thumb), ".hidden,0");
+  EXPECT_EQ(MediaRow("title, album, mtime, width", noDot), "picture|nodot|0|0");
   EXPECT_EQ(ORVOPhotoIndexAdd(hidden.c_str(), 1), -1);
-
-  EXPECT_EQ(IndexPhoto(thumb.c_str()), 0);
-  EXPECT_EQ(MediaRow("count(*)", thumb), "0");
   EXPECT_EQ(ORVOPhotoIndexAdd(thumb.c_str(), 1), -1);
   fs::remove(thumb);
   EXPECT_EQ(ORVOPhotoIndexRemove(thumb.c_str()), -1);
   EXPECT_EQ(PhotoPaths(), "");
 }
 
-// A path without any '.' gets no date, no size and no EXIF on the media
-// path; a PNG gets its size from the header but no EXIF.
-TEST_P(PhotoIndex, MediaPathExtensionRules) {
-  std::string noDot = Sized("nodot/picture", 50);
-  ASSERT_EQ(IndexPhoto(noDot.c_str()), 0);
-  EXPECT_EQ(MediaRow("title, album, mtime, width", noDot), "picture|nodot|0|0");
-
-  if (!haveTools_) GTEST_SKIP() << "ffmpeg or exiftool not available";
-  std::string png = TempDir() + "/nodot/a.PNG";
-  ASSERT_EQ(system(("ffmpeg -v error -y -f lavfi -i color=c=red:s=24x12 -frames:v 1 '" + png + "' </dev/null").c_str()), 0);
-  ASSERT_EQ(IndexPhoto(png.c_str()), 0);
-  EXPECT_EQ(MediaRow("width, height, camera_make", png), "24|12|");
-}
-
-// The header's pixel size is clamped on the photo path only; EXIF texts
-// with bytes outside printable ASCII are emptied on both.
+// The header's pixel size is clamped (above 8000) on the photo path only;
+// EXIF texts with bytes outside printable ASCII are emptied on both.
 TEST_P(PhotoIndex, CleanUpOrderDiffersPerPath) {
-  if (!haveTools_) GTEST_SKIP() << "ffmpeg or exiftool not available";
-  std::string wide = TempDir() + "/w/wide.jpg";
-  fs::create_directories(TempDir() + "/w");
-  ASSERT_EQ(system(("ffmpeg -v error -y -f lavfi -i color=c=red:s=9000x8 -frames:v 1 '" + wide + "' </dev/null").c_str()), 0);
-  std::string command = "exiftool -q -q -overwrite_original -Make='Caf\xc3\xa9' -Model=Plain -ExposureTime=1/8 '" + wide + "'";
-  ASSERT_EQ(system(command.c_str()), 0);
-
+  if (!haveTools_) GTEST_SKIP() << "exiftool not available";
+  std::string wide = Jpeg("wide.jpg", "-Make='Caf\xc3\xa9' -Model=Plain -ExposureTime=1/8", "8002x8000");
   ASSERT_EQ(IndexPhoto(wide.c_str()), 0);
   ASSERT_EQ(ORVOPhotoIndexAdd(wide.c_str(), 1), 0);
-  EXPECT_EQ(MediaRow("width, height, camera_make, camera_model", wide), "9000|8||Plain");
-  EXPECT_EQ(PhotoRow("width, height, make, model, exposure", wide), "0|8||Plain|1/8 sec.");
-}
-
-TEST(PhotoSanitize, BoundsAndPrintableRange) {
-  PhotoInfo info = {};
-  info.width = 8000;
-  info.height = 8001;
-  snprintf(info.make, sizeof info.make, "tab\there");
-  snprintf(info.model, sizeof info.model, "tilde~del\x7f");
-  snprintf(info.takenDate, sizeof info.takenDate, "2001:01:01 00:00:0\x80");
-  snprintf(info.exposure, sizeof info.exposure, "\xc3\xa9");
-  EXPECT_EQ(SanitizePhotoInfo(&info), 0);
-  EXPECT_EQ(info.width, 8000);
-  EXPECT_EQ(info.height, 0);
-  EXPECT_STREQ(info.make, "");
-  EXPECT_STREQ(info.model, "tilde~del\x7f");
-  EXPECT_STREQ(info.takenDate, "");
-  EXPECT_STREQ(info.exposure, "\xc3\xa9");
-
-  info.width = -1;
-  SanitizePhotoInfo(&info);
-  EXPECT_EQ(info.width, 0);
-
-  orvo::test::LogCapture log;
-  EXPECT_EQ(SanitizePhotoInfo(nullptr), -1);
-  EXPECT_TRUE(log.Contains("photo_index.cpp"));
+  EXPECT_EQ(MediaRow("width, height, camera_make, camera_model", wide), "8002|8000||Plain");
+  EXPECT_EQ(PhotoRow("width, height, make, model, exposure", wide), "0|8000||Plain|1/8 sec.");
 }
 
 // Removal only once the file is gone, on both paths.
@@ -254,19 +186,15 @@ TEST_P(PhotoIndex, RemoveOnlyWhenFileIsGone) {
   fs::remove(path);
   EXPECT_EQ(RemovePhoto(path.c_str()), 0);
   EXPECT_EQ(ORVOPhotoIndexRemove(path.c_str()), 0);
-  EXPECT_EQ(MediaRow("count(*)", path), "0");
-  EXPECT_EQ(PhotoPaths(), "");
+  EXPECT_EQ(MediaRow("count(*)", path) + PhotoPaths(), "0");
 }
 
 // The photo database's own lists: tif and psd are media-only pictures.
 TEST_P(PhotoIndex, UpdateIgnoresMediaOnlyPictureTypes) {
-  std::string tif = Sized("u/a.tif", 10);
-  std::string psd = Sized("u/b.psd", 10);
-  std::string gif = Sized("u/c.GIF", 10);
-  EXPECT_EQ(ORVOPhotoIndexUpdate(tif.c_str(), 5), -1);
-  EXPECT_EQ(ORVOPhotoIndexUpdate(psd.c_str(), 5), -1);
-  EXPECT_EQ(ORVOPhotoIndexUpdate(gif.c_str(), 5), 0);
+  for (const char* name : {"u/a.tif", "u/b.psd"}) EXPECT_EQ(ORVOPhotoIndexUpdate(Sized(name, 10).c_str(), 5), -1);
   EXPECT_EQ(ORVOPhotoIndexUpdate((TempDir() + "/u").c_str(), 5), -1);
+  std::string gif = Sized("u/c.GIF", 10);
+  EXPECT_EQ(ORVOPhotoIndexUpdate(gif.c_str(), 5), 0);
   EXPECT_EQ(PhotoPaths(), gif);
 }
 
@@ -278,15 +206,9 @@ TEST_P(PhotoIndex, FolderRenameMovesOnlyItsOwnRows) {
   std::string lookalike = Sized("it's 100XXa\\b/2.jpg", 10);
   std::string prefixSibling = Sized(odd + "2/3.jpg", 10);
   for (const std::string& path : {inside, lookalike, prefixSibling}) ASSERT_EQ(ORVOPhotoIndexAdd(path.c_str(), 1), 0);
-
-  std::string oldDir = TempDir() + "/" + odd;
-  std::string newDir = TempDir() + "/moved";
-  fs::rename(oldDir, newDir);
-  EXPECT_EQ(ORVOPhotoRenamePath(newDir.c_str(), oldDir.c_str(), 1), 0);
-  EXPECT_EQ(PhotoRow("count(*)", newDir + "/1.jpg"), "1");
-  EXPECT_EQ(PhotoRow("count(*)", lookalike), "1");
-  EXPECT_EQ(PhotoRow("count(*)", prefixSibling), "1");
-  EXPECT_EQ(PhotoRow("count(*)", inside), "0");
+  fs::rename(TempDir() + "/" + odd, TempDir() + "/moved");
+  EXPECT_EQ(ORVOPhotoRenamePath((TempDir() + "/moved").c_str(), (TempDir() + "/" + odd).c_str(), 1), 0);
+  EXPECT_EQ(PhotoPaths(), prefixSibling + "\n" + lookalike + "\n" + TempDir() + "/moved/1.jpg");
 }
 
 // A photo renamed onto a path that already has a row replaces it; a video
@@ -301,10 +223,9 @@ TEST_P(PhotoIndex, FileRenameByKind) {
   EXPECT_EQ(PhotoPaths(), target);
 
   std::string oldVideo = TempDir() + "/f/clip.avi";
-  std::string newVideo = TempDir() + "/f/clip2.avi";
   ASSERT_GE(PhotoDBExec(("insert into photo_video (path, name, title, album, filesize, mtime, updated) "
                          "values ('" + Sql(oldVideo) + "', 'clip.avi', 'clip', 'f', 1, 1, 'true')").c_str()), 0);
-  EXPECT_EQ(ORVOPhotoRenamePath(newVideo.c_str(), oldVideo.c_str(), 0), -1);
+  EXPECT_EQ(ORVOPhotoRenamePath((TempDir() + "/f/clip2.avi").c_str(), oldVideo.c_str(), 0), -1);
   EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto, "select count(*) from photo_video"), "0");
 
   std::string fresh = Sized("f/fresh.png", 10);
@@ -323,16 +244,12 @@ TEST_P(PhotoIndex, VideoTableRenameUsesPlainPrefix) {
     ASSERT_GE(PhotoDBExec(("insert into video_comment (path, comment) values ('" + Sql(dir + name) + "', 'c')").c_str()), 0);
   }
   ASSERT_GE(PhotoDBExec("insert into video_desc (path, description) values ('/volume1/photo/o''k 5XYx/a.avi', 'd')"), 0);
-
   EXPECT_EQ(ORVOVideoRenamePath(1, (dir + "/z.avi").c_str(), (dir + "/a.avi").c_str()), 0);
   EXPECT_EQ(ORVOVideoRenamePath(2, (dir + "/z.avi").c_str(), (dir + "/a.avi").c_str()), 0);
   EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto, "select path from video_comment order by path"), dir + "/b.avi\n" + dir + "/z.avi\n" + dir + "/z.avi.srt");
   EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto, "select path from video_desc where path like '%5XYx%'"), "/volume1/photo/o'k 5XYx/a.avi");
-
   EXPECT_EQ(ORVOVideoRenamePath(1, "/volume1/photo/n.avi", "/volume1/photo/none.avi"), -1);
-  orvo::test::LogCapture log;
   EXPECT_EQ(ORVOVideoRenamePath(3, "/a", "/b"), -1);
-  EXPECT_TRUE(log.Contains("Bad parameter."));
 }
 
 // Every picture of the corpus, damaged ones included, reaches both
@@ -349,12 +266,8 @@ TEST_P(PhotoIndex, WholeCorpusThroughBothHandlers) {
   }
   EXPECT_EQ(QueryAll(OrvoDatabase::kMedia, "select count(*) from photo"), std::to_string(files));
   EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto, "select count(*) from photo_image"), std::to_string(files));
-  EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto,
-                     "select count(*) from photo_image where width > 8000 or height > 8000 or width < 0 "
-                     "or height < 0 or takendate = ''"),
-            "0");
-  EXPECT_EQ(QueryAll(OrvoDatabase::kMedia, "select camera_model from photo where path like '%/Canon_40D.jpg'"),
-            "Canon EOS 40D");
+  EXPECT_EQ(QueryAll(OrvoDatabase::kPhoto, "select count(*) from photo_image where width > 8000 or height > 8000 "
+                                           "or width < 0 or height < 0 or takendate = ''"), "0");
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, PhotoIndex, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
