@@ -1,8 +1,12 @@
-// Environment for starting the daemon in the sandbox tests of the daemon,
+// Starting and stopping the real daemon in the sandbox tests of the daemon,
 // the queue and the client.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,5 +23,32 @@ inline std::vector<std::string> FastDaemonClock() {
   env.push_back("ASAN_OPTIONS=" + options + "verify_asan_link_order=0");
   return env;
 }
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// Skips outside the sandbox; stops the daemon the test started.
+class DaemonSandboxTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+  }
+  void TearDown() override {
+    if (pid_ > 0) StopDaemon(pid_);
+  }
+  // Starts the daemon with an empty queue, whose start-up run (one SIGHUP)
+  // shows that start-up is over: lines queued later wait for a signal.
+  void StartIdle() {
+    std::ofstream(kQueueFile).flush();
+    pid_ = StartDaemon(FastDaemonClock());
+    ASSERT_GT(pid_, 0);
+    ASSERT_TRUE(WaitForHups(1));
+  }
+  pid_t pid_ = -1;
+};
 
 }  // namespace orvo::test
