@@ -48,9 +48,7 @@ class PhotoShareInSandbox : public ::testing::Test {
 // sweeps rows of vanished folders and never lists #recycle, @eaDir, hidden
 // or level-2 folders. The working folder is the same afterwards.
 TEST_F(PhotoShareInSandbox, FullSyncMarksExistingAndSweepsVanished) {
-  for (const char* folder : {"A/s1/deep", "A/s2", "B", "#recycle/old", "@eaDir", "A/@eaDir", ".hidden", "q'x%_\\"}) {
-    Folder(folder);
-  }
+  for (const char* name : {"A/s1/deep", "A/s2", "B", "#recycle/old", "@eaDir", "A/@eaDir", ".hidden", "q'x%_\\"}) Folder(name);
   for (const char* album : {"/A", "/gone", "/A/gone"}) ASSERT_EQ(ORVOPhotoShareUpdate((kShare + album).c_str(), 1), 0);
   fs::path before = fs::current_path();
   EXPECT_EQ(ORVOPhotoShareSync(nullptr), 0);
@@ -75,9 +73,7 @@ TEST_F(PhotoShareInSandbox, AlbumDefaultPublicFromConfig) {
 // vanished files, and leaves #recycle, @eaDir and names without '.' alone.
 // Only new pictures are sent for thumbnails; a link back up ends no walk.
 TEST_F(PhotoShareInSandbox, SweepReconcilesPhotoRows) {
-  for (const char* name : {"A/x.jpg", "A/sub/y.jpg", "A/noext", "#recycle/r.jpg", "A/@eaDir/t.jpg", "A/gone.jpg"}) {
-    Picture(name);
-  }
+  for (const char* name : {"A/x.jpg", "A/sub/y.jpg", "A/noext", "#recycle/r.jpg", "A/@eaDir/t.jpg", "A/gone.jpg"}) Picture(name);
   ASSERT_EQ(ORVOPhotoIndexAdd((kShare + "/A/gone.jpg").c_str(), 1), 0);
   ASSERT_EQ(ORVOPhotoIndexAdd((kShare + "/A/x.jpg").c_str(), 1), 0);
   fs::remove(kShare + "/A/gone.jpg");
@@ -102,19 +98,13 @@ TEST_F(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
   pid_t pid = StartDaemon(env);
   ASSERT_GT(pid, 0);
-  auto rows = [](const std::string& sql) {
-    std::string out;
-    for (const auto& row : QuerySqlite(kPhotoDbFile, sql)) out += (out.empty() ? "" : "\n") + row.at(0);
-    return out;
-  };
   ASSERT_TRUE(AppendQueueLine("R:photo") && SignalDaemon() && WaitForHups(1));
-  EXPECT_EQ(rows("select path from photo_image order by path"), kShare + "/Trip/b.jpg\n" + kShare + "/Trip/day1/a.jpg");
-  EXPECT_EQ(rows("select sharename from photo_share order by sharename"), "Other\nTrip\nTrip/day1");
-
+  EXPECT_EQ(PhotoPaths(), kShare + "/Trip/b.jpg\n" + kShare + "/Trip/day1/a.jpg");
+  EXPECT_EQ(Albums(), "Other\nTrip\nTrip/day1");
   fs::rename(kShare + "/Trip", kShare + "/Voyage");
   ASSERT_TRUE(AppendQueueLine("N:" + kShare + "/Voyage:" + kShare + "/Trip") && SignalDaemon() && WaitForHups(2));
-  EXPECT_EQ(rows("select path from photo_image order by path"), kShare + "/Voyage/b.jpg\n" + kShare + "/Voyage/day1/a.jpg");
-  EXPECT_EQ(rows("select sharename from photo_share order by sharename"), "Other\nVoyage\nVoyage/day1");
+  EXPECT_EQ(PhotoPaths(), kShare + "/Voyage/b.jpg\n" + kShare + "/Voyage/day1/a.jpg");
+  EXPECT_EQ(Albums(), "Other\nVoyage\nVoyage/day1");
   EXPECT_GE(StopDaemon(pid), 0);
 }
 
