@@ -55,10 +55,9 @@ class PhotoIndex : public orvo::test::DatabaseTest {
   }
 };
 
-// One picture lands differently in the two databases: the media row keeps
-// the header's size and the EXIF date as a time value, the photo row clamps
-// the size (above 8000) and keeps the date's text. A text with bytes outside
-// printable ASCII is emptied on both.
+// The media row keeps the header's size and the EXIF date as a time; the
+// photo row clamps the size above 8000 and keeps the date's text. A text with
+// bytes outside printable ASCII is emptied on both.
 TEST_P(PhotoIndex, MediaRowAndPhotoRowOfOneJpeg) {
   std::string path = Jpeg("Holiday/beach.day.jpg",
                           "-Make='Caf\xc3\xa9' -Model='EOS 40D' -ExposureTime=1/160 -FNumber=7.1 -ISO=100 "
@@ -73,9 +72,8 @@ TEST_P(PhotoIndex, MediaRowAndPhotoRowOfOneJpeg) {
             "beach.day.jpg|beach.day|Holiday|0|8000||EOS 40D|1/160 sec.|f/7.1|100|2001:02:03 04:05:06|" + size);
 }
 
-// Without an EXIF date the media row keeps the file's mtime and the photo
-// row falls back to the change time as "%F %T"; change_time holds ctime()'s
-// text with its newline.
+// Without an EXIF date the media row keeps the mtime, the photo row takes the
+// change time as "%F %T" and change_time is ctime()'s text with its newline.
 TEST_P(PhotoIndex, DateFallbacksDifferPerPath) {
   std::string path = Sized("plain/pic.png", 100);
   struct utimbuf times = {1234567890, 1234567890};
@@ -104,9 +102,8 @@ TEST_P(PhotoIndex, PhotoDatabaseSizeBoundIsExact) {
   EXPECT_EQ(MediaRow("filesize", atLimit) + "," + MediaRow("filesize", empty), "20971520,0");
 }
 
-// Which path skips what: a hidden name gets a media row only, a file in a
-// thumbnail folder neither, and a name without any '.' a media row without
-// date, size or EXIF. tif and psd are pictures of the media database only.
+// A hidden name gets a media row only, a thumbnail folder's file neither, a
+// name without '.' a bare media row; tif and psd are media-only pictures.
 TEST_P(PhotoIndex, SkipsDifferPerPath) {
   std::string hidden = Sized("h/.hidden.jpg", 10), thumb = Sized("h/@eaDir/a.jpg", 10), noDot = Sized("h/pic", 50);
   for (const std::string& path : {hidden, thumb, noDot}) EXPECT_EQ(IndexPhoto(path.c_str()), 0) << path;
@@ -134,8 +131,8 @@ TEST_P(PhotoIndex, RemoveOnlyWhenFileIsGone) {
   EXPECT_EQ(MediaRow("count(*)", path) + PhotoPaths(), "0");
 }
 
-// Folder renames move exactly the rows below the folder: LIKE wildcards and
-// quotes in names must match only themselves.
+// A folder rename moves exactly its own rows, whatever quotes or LIKE
+// wildcards the names hold.
 TEST_P(PhotoIndex, FolderRenameMovesOnlyItsOwnRows) {
   const std::string odd = "it's 100%_a\\b";
   std::string inside = Sized(odd + "/1.jpg", 10);
@@ -169,9 +166,8 @@ TEST_P(PhotoIndex, FileRenameByKind) {
   EXPECT_EQ(ORVOPhotoRenamePath((TempDir() + "/f/x.txt").c_str(), (TempDir() + "/f/y.txt").c_str(), 0), -1);
 }
 
-// The video application's tables are renamed by plain prefix: a file's
-// companion rows move with it, rows of other names do not, and a rename
-// that matches nothing reports failure.
+// The video application's rows move by plain prefix, so a file's companions
+// move with it; a rename that matches nothing fails.
 TEST_P(PhotoIndex, VideoTableRenameUsesPlainPrefix) {
   const std::string dir = "/volume1/photo/o'k 5%_x", quoted = "'/volume1/photo/o''k 5%_x";
   for (const char* name : {"/a.avi", "/a.avi.srt", "/b.avi"}) {
@@ -187,8 +183,8 @@ TEST_P(PhotoIndex, VideoTableRenameUsesPlainPrefix) {
   EXPECT_EQ(ORVOVideoRenamePath(3, "/a", "/b"), -1);
 }
 
-// Every picture of the corpus, damaged ones included, reaches both
-// databases; the photo rows never carry an unclamped size or an empty date.
+// Every corpus picture, damaged ones included, reaches both databases, with
+// no unclamped size or empty date in the photo rows.
 TEST_P(PhotoIndex, WholeCorpusThroughBothHandlers) {
   std::string folder = std::string(ORVO_CORPUS_DIR) + "/pictures";
   if (!fs::is_directory(folder)) GTEST_SKIP() << "corpus not present at " << ORVO_CORPUS_DIR;

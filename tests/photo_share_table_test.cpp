@@ -54,7 +54,7 @@ TEST_P(PhotoShareTable, SubAlbumsInheritFlagAndAccessRights) {
   EXPECT_EQ(Add("orphan/sub"), -1);
 }
 
-// Level-2 folders are not albums: add, delete and rename leave them alone.
+// Level-2 folders are not albums: add, delete and rename pass them by.
 TEST_P(PhotoShareTable, DeepFoldersAreIgnored) {
   EXPECT_EQ(Add("a/b/c"), 0);
   EXPECT_EQ(Names(), "");
@@ -64,8 +64,8 @@ TEST_P(PhotoShareTable, DeepFoldersAreIgnored) {
   EXPECT_EQ(Names(), "a");
 }
 
-// Deleting an album takes its sub-albums, not a sibling whose name merely
-// starts the same, even when the names carry LIKE wildcards.
+// A delete takes the album's sub-albums, not a sibling that merely starts the
+// same, LIKE wildcards or not.
 TEST_P(PhotoShareTable, DeleteTakesOnlyTheAlbumAndItsSubAlbums) {
   for (const char* name : {"trip", "trip/day1", "trip2", "trip2/day1", "a_b", "a_b/x", "axb", "axb/x", "50%", "50%/x", "500"})
     ASSERT_EQ(Add(name), 0) << name;
