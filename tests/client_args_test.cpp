@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -55,16 +56,19 @@ TEST(ClientArgumentChecks, BadArgumentsQueueNothing) {
   EXPECT_EQ(Parse({"add", tooLong.substr(0, tooLong.size() - 1).c_str()}).action, ClientAction::kQueue);
 }
 
+// Our own pid: alive, but not the daemon. SIGUSR1 would end this test. The
+// line stays queued for the daemon's next start.
 TEST(ClientRun, StalePidOfAnotherProgramIsNotSignalled) {
   const std::filesystem::path dir = testing::TempDir() + "client_run_" + std::to_string(getpid());
   std::filesystem::create_directories(dir);
   const std::string queue = dir / "queue", batch = dir / "queue.tmp", pid = dir / "daemon.pid";
-  // Our own pid: alive, but not the daemon. SIGUSR1 would end this test.
   std::ofstream(pid) << getpid();
   FILE* null = fopen("/dev/null", "w");
   const char* argv[] = {"orvoindex", "add", "/volume1/music/a.mp3"};
   EXPECT_EQ(RunClient(3, argv, ClientPaths{queue.c_str(), batch.c_str(), pid.c_str()}, null, null), kExitNoDaemon);
   fclose(null);
+  std::ifstream in(queue);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "a:/volume1/music/a.mp3\n");
   std::filesystem::remove_all(dir);
 }
 

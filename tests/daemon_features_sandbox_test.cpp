@@ -1,10 +1,5 @@
 // The two feature switches read at start-up, seen through what the daemon
 // does to the photo database for a picture in the photo share.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <fstream>
-
 #include "daemon_sandbox_env.h"
 
 namespace {

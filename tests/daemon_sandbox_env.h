@@ -1,12 +1,11 @@
-// Starting and stopping the real daemon in the sandbox tests of the daemon,
-// the queue and the client.
+// Starting and stopping the real daemon in the sandbox tests.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -26,9 +25,7 @@ inline std::vector<std::string> FastDaemonClock() {
 
 inline std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // Skips outside the sandbox; stops the daemon the test started.

@@ -1,7 +1,6 @@
 // Folder walks into the media database on each backend: which folders get a
 // row, and walks that must end (link loops, paths at the buffer's limit).
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,7 +8,6 @@
 #include <filesystem>
 #include <set>
 #include <sstream>
-#include <string>
 
 #include "index/index.h"
 #include "platform/orvodb.h"
@@ -26,12 +24,6 @@ TEST(RecycleBin, OnlyAtTheTopOfAShare) {
   for (const char* path : {"/volume1/music/#recycle2", "/volume1/music/#recyclebin/x", "/volume1/music/a/#recycle",
                            "/volume1/#recycle", "/volume1/music", "/volume1/music/", static_cast<const char*>(nullptr)})
     EXPECT_EQ(IsInRecycleBin(path), 0) << (path ? path : "(null)");
-}
-
-TEST(IndexArguments, BadArgumentsAreRefused) {
-  orvo::test::LogCapture log;
-  EXPECT_EQ(IndexFile(nullptr, 1), -1);
-  EXPECT_EQ(IndexFile("/volume1/music/a.mp3", 3), -1);
 }
 
 // A share laid out in /tmp/<name>, two components deep like /volume1/<share>.

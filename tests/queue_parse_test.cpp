@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "daemon/queue.h"
@@ -12,60 +11,43 @@
 namespace {
 
 TEST(QueueLine, LetterAndArgumentWithoutLineEnd) {
-  struct Case {
-    std::string line;
-    QueueLineStatus status;
-    std::string argument;  // with the letter before it
-  };
-  const Case cases[] = {
-      {"a:/volume1/music/song.mp3\n", QueueLineStatus::kCommand, "a/volume1/music/song.mp3"},
-      {"T:\n", QueueLineStatus::kCommand, "T"},
-      {"d:/volume1/x.mp3", QueueLineStatus::kCommandNoNewline, "d/volume1/x.mp3"},
+  const std::pair<std::string, std::string> cases[] = {  // line, "letter|argument" or "bad"
+      {"a:/volume1/music/song.mp3\n", "a|/volume1/music/song.mp3"},
+      {"T:\n", "T|"},
+      {"d:/volume1/x.mp3", "d|/volume1/x.mp3|no newline"},
       // "photo\r" would otherwise re-index every share instead of the photo one.
-      {"R:photo\r\n", QueueLineStatus::kCommand, "Rphoto"},
-      {std::string("a:/v/x.mp3\0junk\n", 16), QueueLineStatus::kCommand, "a/v/x.mp3"},
-      {"a/path\n", QueueLineStatus::kBadFormat, ""},
-      {"a\n", QueueLineStatus::kBadFormat, ""},
-      {"\n", QueueLineStatus::kBadFormat, ""},
-      {std::string("\0:x\n", 4), QueueLineStatus::kBadFormat, ""},
+      {"R:photo\r\n", "R|photo"},
+      {std::string("a:/v/x.mp3\0junk\n", 16), "a|/v/x.mp3"},
+      {"a/path\n", "bad"},
+      {"\n", "bad"},
+      {std::string("\0:x\n", 4), "bad"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.line);
-    std::vector<char> line(c.line.begin(), c.line.end());
+  for (const auto& [text, want] : cases) {
+    std::vector<char> line(text.begin(), text.end());
     line.push_back('\0');
     QueueCommand command{};
-    QueueLineStatus status = ParseQueueLine(line.data(), c.line.size(), &command);
-    EXPECT_EQ(status, c.status);
-    if (status != QueueLineStatus::kBadFormat) {
-      EXPECT_EQ(command.letter + std::string(command.argument), c.argument);
-    }
+    QueueLineStatus status = ParseQueueLine(line.data(), text.size(), &command);
+    std::string got = "bad";
+    if (status != QueueLineStatus::kBadFormat) got = std::string{command.letter, '|'} + command.argument;
+    if (status == QueueLineStatus::kCommandNoNewline) got += "|no newline";
+    EXPECT_EQ(got, want) << text;
   }
 }
 
 TEST(RenameSplit, SplitsAsStrtokDoes) {
-  struct Case {
-    const char* argument;
-    int result;
-    const char* newPath;
-    const char* oldPath;
+  const std::pair<std::string, std::string> cases[] = {  // argument, "new|old" or "" when refused
+      {"/volume1/photo/b.jpg:/volume1/photo/a.jpg", "/volume1/photo/b.jpg|/volume1/photo/a.jpg"},
+      {"::/new::/old", "/new|/old"},
+      {"/a:b:/c", "/a|b"},  // a third part is dropped: paths with ':' cannot be renamed
+      {"/only/new", ""},
+      {":::", ""},
   };
-  const Case cases[] = {
-      {"/volume1/photo/b.jpg:/volume1/photo/a.jpg", 0, "/volume1/photo/b.jpg", "/volume1/photo/a.jpg"},
-      {"::/new::/old", 0, "/new", "/old"},
-      {"/a:b:/c", 0, "/a", "b"},  // a third part is dropped: paths with ':' cannot be renamed
-      {"/only/new", -1, nullptr, nullptr},
-      {":::", -1, nullptr, nullptr},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.argument);
-    std::string argument = c.argument;
+  for (auto [argument, want] : cases) {
     const char* newPath = nullptr;
     const char* oldPath = nullptr;
-    ASSERT_EQ(SplitRenameArgument(argument.data(), &newPath, &oldPath), c.result);
-    if (c.result == 0) {
-      EXPECT_STREQ(newPath, c.newPath);
-      EXPECT_STREQ(oldPath, c.oldPath);
-    }
+    int result = SplitRenameArgument(argument.data(), &newPath, &oldPath);
+    EXPECT_EQ(result == 0 ? std::string(newPath) + "|" + oldPath : "", want) << argument;
+    EXPECT_EQ(result, want.empty() ? -1 : 0) << argument;
   }
 }
 
@@ -96,15 +78,10 @@ TEST(QueueReader, SplitsOnNewlinesKeepingThem) {
 }
 
 TEST(QueueReader, LinesLongerThanTheBufferComeInPiecesLikeFgets) {
-  auto pieces = Pieces(std::string(kQueueLineSize - 2, 'x') + "\na:/y\n");  // just fits
-  ASSERT_EQ(pieces.size(), 2u);
-  EXPECT_EQ(pieces[0].size(), kQueueLineSize - 1);
-  pieces = Pieces(std::string(10000, 'y') + "\nd:/z\n");
-  ASSERT_EQ(pieces.size(), 4u);
-  EXPECT_EQ(pieces[0].size(), 4111u);
-  EXPECT_EQ(pieces[1].size(), 4111u);
-  EXPECT_EQ(pieces[2], std::string(10000 - 2 * 4111, 'y') + "\n");
-  EXPECT_EQ(pieces[3], "d:/z\n");
+  const std::string fits(kQueueLineSize - 2, 'x'), piece(kQueueLineSize - 1, 'y');
+  EXPECT_EQ(Pieces(fits + "\na:/y\n"), (std::vector<std::string>{fits + "\n", "a:/y\n"}));
+  EXPECT_EQ(Pieces(std::string(10000, 'y') + "\nd:/z\n"),
+            (std::vector<std::string>{piece, piece, std::string(10000 - 2 * piece.size(), 'y') + "\n", "d:/z\n"}));
 }
 
 }  // namespace
