@@ -152,8 +152,10 @@ std::string QueryAll(OrvoDatabase which, const std::string& sql) {
   ORVODBRow row;
   while (ORVODBFetchRow(result, &row) == 0) {
     if (!out.empty()) out += '\n';
-    for (size_t c = 0; c < result->columns.size(); ++c)
-      out += (c > 0 ? "|" : "") + std::string(ORVODBFetchField(result, row, result->columns[c].c_str()));
+    for (size_t c = 0; c < result->columns.size(); ++c) {
+      if (c > 0) out += '|';
+      out += ORVODBFetchField(result, row, result->columns[c].c_str());
+    }
   }
   ORVODBFreeResult(result);
   return out;
