@@ -58,7 +58,6 @@ TEST_P(PhotoIndex, MediaRowAndPhotoRowOfOneFile) {
   ASSERT_EQ(ORVOPhotoIndexAdd(path.c_str(), 1), 0);
   struct tm taken = {};
   taken.tm_year = 101, taken.tm_mon = 1, taken.tm_mday = 3, taken.tm_hour = 4, taken.tm_min = 5, taken.tm_sec = 6;
-  taken.tm_isdst = -1;
   std::string size = std::to_string(fs::file_size(path));
   EXPECT_EQ(MediaRow("title, album, width, height, camera_make, camera_model, exposure_time, aperture, iso, mtime, "
                      "filesize", path),
