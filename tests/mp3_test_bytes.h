@@ -54,11 +54,7 @@ inline constexpr int kFrame128Length = 417;
 // `count` frames with header bytes FF b1 b2 b3, each `length` bytes long and
 // filled with a byte that can never start a sync.
 inline std::string Frames(uint8_t b1, uint8_t b2, uint8_t b3, int length, int count) {
-  std::string frame(size_t(length), '\x55');
-  frame[0] = '\xFF';
-  frame[1] = char(b1);
-  frame[2] = char(b2);
-  frame[3] = char(b3);
+  std::string frame = std::string{'\xFF', char(b1), char(b2), char(b3)} + std::string(size_t(length - 4), '\x55');
   std::string out;
   for (int i = 0; i < count; ++i) out += frame;
   return out;
