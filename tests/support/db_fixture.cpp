@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "platform/db_backend.h"
@@ -16,16 +17,6 @@ namespace {
 const char* PgUri() {
   const char* uri = getenv("ORVO_TEST_PG_URI");
   return uri != nullptr && *uri != '\0' ? uri : nullptr;
-}
-
-// The URI with its database name replaced by `name`.
-std::string WithDatabase(const std::string& uri, const std::string& name) {
-  size_t scheme = uri.find("://");
-  size_t start = uri.find('/', scheme == std::string::npos ? 0 : scheme + 3);
-  size_t query = uri.find('?');
-  size_t end = query == std::string::npos ? uri.size() : query;
-  if (start == std::string::npos || start > end) return uri.substr(0, end) + "/" + name + uri.substr(end);
-  return uri.substr(0, start + 1) + name + uri.substr(end);
 }
 
 void IgnoreNotice(void*, const char*) {}
@@ -78,8 +69,7 @@ void DatabaseTest::SetUp() {
     photo_ = "sqlite:" + tempDir_ + "/db/photo.db";
   } else {
     if (PgUri() == nullptr) {
-      const char* require = getenv("ORVO_TEST_REQUIRE_PG");
-      if (require != nullptr && std::string(require) == "1")
+      if (getenv("ORVO_TEST_REQUIRE_PG") && std::string(getenv("ORVO_TEST_REQUIRE_PG")) == "1")
         FAIL() << "ORVO_TEST_REQUIRE_PG=1 but ORVO_TEST_PG_URI is not set";
       GTEST_SKIP() << "set ORVO_TEST_PG_URI to a PostgreSQL server to run this case there";
     }
@@ -98,7 +88,7 @@ void DatabaseTest::SetUp() {
         ASSERT_EQ(Scalar(claim_, "create database " + name + " encoding 'SQL_ASCII' locale 'C' template template0"), "")
             << "cannot create a test database on ORVO_TEST_PG_URI";
       }
-      *location = WithDatabase(PgUri(), name);
+      *location = PgUri() + std::string(strchr(PgUri(), '?') ? "&" : "?") + "dbname=" + name;  // the last one wins
       ASSERT_EQ(EmptyDatabase(*location), "") << name;
     }
   }

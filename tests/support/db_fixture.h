@@ -1,14 +1,10 @@
 // Database test fixture: every suite derived from DatabaseTest runs once per
-// backend, on two fresh, empty databases (media and photo).
-//
-//   class MySuite : public orvo::test::DatabaseTest {};
-//   INSTANTIATE_TEST_SUITE_P(Backends, MySuite,
-//                            ::testing::ValuesIn(orvo::test::DatabaseBackends()));
-//
+// backend on two fresh, empty databases (media and photo):
+//   INSTANTIATE_TEST_SUITE_P(Backends, MySuite, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
 // PostgreSQL runs when ORVO_TEST_PG_URI names a server (a libpq URI) where the
 // test may CREATE DATABASE, and is skipped otherwise; ORVO_TEST_REQUIRE_PG=1
-// turns a missing or unreachable server into a failure. Its databases are
-// made ENCODING 'SQL_ASCII': only such a database stores paths that are not UTF-8.
+// makes a missing or unreachable server a failure. Its databases are made
+// ENCODING 'SQL_ASCII': only such a database stores paths that are not UTF-8.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -38,9 +34,7 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
 
   bool IsPostgres() const { return GetParam() == "postgresql"; }
   // The location (ORVO_MEDIA_DB / ORVO_PHOTO_DB value) of each database.
-  const std::string& Location(OrvoDatabase which) const {
-    return which == OrvoDatabase::kMedia ? media_ : photo_;
-  }
+  const std::string& Location(OrvoDatabase which) const { return which == OrvoDatabase::kMedia ? media_ : photo_; }
   // A scratch folder for the test's own files, removed in TearDown.
   const std::string& TempDir() const { return tempDir_; }
 
@@ -49,9 +43,8 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
   std::string QueryElsewhere(OrvoDatabase which, const std::string& sql) const;
 
  private:
-  std::string tempDir_, media_, photo_;
+  std::string tempDir_, media_, photo_, savedMedia_, savedPhoto_;
   ::pg_conn* claim_ = nullptr;  // holds the advisory lock on the pair
-  std::string savedMedia_, savedPhoto_;
   bool hadMedia_ = false, hadPhoto_ = false;
 };
 
