@@ -21,8 +21,6 @@ using namespace orvo::test;
 
 const std::string kShare = "/volume1/photo";
 
-void Folder(const std::string& relative) { fs::create_directories(kShare + "/" + relative); }
-
 void Picture(const std::string& relative) {
   std::string path = kShare + "/" + relative;
   fs::create_directories(fs::path(path).parent_path());
@@ -54,7 +52,7 @@ TEST(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
                            "#recycle/r.jpg"}) {
     Picture(name);
   }
-  for (const char* name : {"Other", "Trip/day1/deep", "@eaDir", ".hidden", "q'x%_\\"}) Folder(name);
+  for (const char* name : {"Other", "Trip/day1/deep", "@eaDir", ".hidden", "q'x%_\\"}) fs::create_directories(kShare + "/" + name);
   fs::create_directory_symlink("..", kShare + "/Trip/day1/up");
   for (const char* album : {"/Trip", "/gone", "/Trip/gone"}) ASSERT_EQ(ORVOPhotoShareUpdate((kShare + album).c_str(), 1), 0);
   for (const char* known : {"/Trip/b.jpg", "/Trip/gone.jpg"}) ASSERT_EQ(ORVOPhotoIndexAdd((kShare + known).c_str(), 1), 0);
