@@ -14,12 +14,6 @@ using namespace formats_test;
 
 namespace {
 
-std::string Be(uint64_t v, int bytes) {
-  std::string out;
-  for (int i = bytes - 1; i >= 0; --i) out.push_back(static_cast<char>(v >> (8 * i)));
-  return out;
-}
-
 // A positive whole number as an 80-bit extended float.
 std::string Extended(uint64_t value) {
   int top = 63 - __builtin_clzll(value);

@@ -14,11 +14,6 @@ using namespace formats_test;
 
 namespace {
 
-std::string Be(uint64_t v, int bytes) {
-  std::string out;
-  for (int i = bytes - 1; i >= 0; --i) out.push_back(static_cast<char>(v >> (8 * i)));
-  return out;
-}
 std::string Le32(size_t v) { return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; }
 
 // "fLaC", a 16-bit STREAMINFO block and, unless `untagged`, a VORBIS_COMMENT block.

@@ -52,6 +52,13 @@ inline std::string ReadBytes(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+// `v` as `bytes` big-endian bytes.
+inline std::string Be(uint64_t v, int bytes) {
+  std::string out;
+  for (int i = bytes - 1; i >= 0; --i) out.push_back(static_cast<char>(v >> (8 * i)));
+  return out;
+}
+
 // Runs Debian's ffmpeg quietly with `args`; true when it succeeded.
 inline bool Ffmpeg(const std::string& args) {
   return std::system(("ffmpeg -nostdin -hide_banner -loglevel error -y " + args + " >/dev/null 2>&1").c_str()) == 0;

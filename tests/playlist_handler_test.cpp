@@ -40,18 +40,13 @@ TEST(PlaylistRemover, ExistingFileRefusedGoneFileAlwaysSucceeds) {
   // Point the media database somewhere it cannot be opened: the delete fails,
   // is logged in the playlist's own wording, and the remover still says 0.
   const char* saved = getenv("ORVO_MEDIA_DB");
-  std::string keep = saved != nullptr ? saved : "";
-  std::string blocker = dir.File("blocker");  // a file where the database's folder would go
+  std::string keep = saved != nullptr ? saved : "", blocker = dir.File("blocker");  // a file where a folder would go
   std::ofstream(blocker) << "x";
   ORVODBCloseAll();
   setenv("ORVO_MEDIA_DB", ("sqlite:" + blocker + "/media.db").c_str(), 1);
   EXPECT_EQ(RemovePlaylist(path.c_str()), 0);
   ORVODBCloseAll();
-  if (saved != nullptr) {
-    setenv("ORVO_MEDIA_DB", keep.c_str(), 1);
-  } else {
-    unsetenv("ORVO_MEDIA_DB");
-  }
+  saved != nullptr ? setenv("ORVO_MEDIA_DB", keep.c_str(), 1) : unsetenv("ORVO_MEDIA_DB");
   EXPECT_TRUE(log.Contains("playlist.cpp"));
   EXPECT_TRUE(log.Contains("Failed to remove " + path + " from database."));
 }
