@@ -28,17 +28,9 @@ int Rename(const std::string& to, const std::string& from) {
 
 class PhotoShareTable : public orvo::test::DatabaseTest {};
 
-// Ids: 1 on an empty table, then one above the highest, not the count.
-TEST_P(PhotoShareTable, NewAlbumIdsFollowTheHighest) {
-  ASSERT_EQ(Add("first"), 0);
-  EXPECT_EQ(Photo("select shareid from photo_share"), "1");
-  ASSERT_GE(PhotoDBExec("update photo_share set shareid = 41"), 0);
-  ASSERT_EQ(Add("second"), 0);
-  EXPECT_EQ(Photo("select shareid from photo_share where sharename = 'second'"), "42");
-}
-
-// A sub-album takes its album's flag and, for a private album, a copy of each
-// access row (granted: asctime's text); an album with no row has none to give.
+// Ids start at 1. A sub-album takes its album's flag and, for a private album,
+// a copy of each access row (granted: asctime's text); an album with no row
+// has none to give.
 TEST_P(PhotoShareTable, SubAlbumsInheritFlagAndAccessRights) {
   ASSERT_EQ(Add("private"), 0);
   ASSERT_EQ(Add("public"), 0);
@@ -65,12 +57,14 @@ TEST_P(PhotoShareTable, DeepFoldersAreIgnored) {
 }
 
 // A delete takes the album's sub-albums, not a sibling that merely starts the
-// same, LIKE wildcards or not.
+// same, LIKE wildcards or not. The next id is one above the highest, not the count.
 TEST_P(PhotoShareTable, DeleteTakesOnlyTheAlbumAndItsSubAlbums) {
   for (const char* name : {"trip", "trip/day1", "trip2", "trip2/day1", "a_b", "a_b/x", "axb", "axb/x", "50%", "50%/x", "500"})
     ASSERT_EQ(Add(name), 0) << name;
   for (const char* name : {"trip", "a_b", "50%"}) EXPECT_EQ(Delete(name), 0) << name;
   EXPECT_EQ(Names(), "500\naxb\naxb/x\ntrip2\ntrip2/day1");
+  ASSERT_EQ(Add("next"), 0);
+  EXPECT_EQ(Photo("select shareid from photo_share where sharename = 'next'"), "12");
 }
 
 // A rename carries the sub-albums along; an album moved below another loses
