@@ -7,18 +7,15 @@
 #include <fstream>
 #include <set>
 
+#include "formats_testutil.h"
 #include "support/sandbox.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace formats_test;
 using namespace orvo::test;
 
 const std::string kFolder = "/volume1/music/all";
-
-bool Make(const std::string& args, const std::string& out) {
-  return system(("ffmpeg -nostdin -loglevel error -y " + args + " '" + out + "' >/dev/null 2>&1").c_str()) == 0;
-}
 
 std::set<std::string> Names(const char* table) {
   std::set<std::string> names;
@@ -35,15 +32,15 @@ TEST(FormatsSandbox, EveryExtensionLandsInItsTable) {
   struct Stop { pid_t pid; ~Stop() { StopDaemon(pid); } } stop{pid};
   ASSERT_TRUE(WaitForHups(1));
 
-  const std::string sine = "-f lavfi -i sine=sample_rate=44100:duration=2 ", tmp = "/tmp/formats-src";
+  const std::string sine = "-f lavfi -i sine=sample_rate=44100:duration=2 ";
+  TempDir tmp;
   fs::create_directories(kFolder);
-  fs::create_directories(tmp);
-  ASSERT_TRUE(Make(sine + "-ac 2 -c:a pcm_s16le", tmp + "/a.wav"));
-  ASSERT_TRUE(Make(sine + "-c:a aac -metadata title=Tagged", tmp + "/a.m4a"));
-  ASSERT_TRUE(Make(sine + "-c:a flac -metadata TITLE=FlacTitle", tmp + "/a.flac"));
-  ASSERT_TRUE(Make(sine + "-c:a pcm_s16be", tmp + "/a.aiff"));
-  ASSERT_TRUE(Make("-f lavfi -i testsrc=duration=2:size=352x240:rate=30000/1001 " + sine + "-target ntsc-vcd",
-                   tmp + "/a.mpg"));
+  ASSERT_TRUE(Ffmpeg(sine + "-ac 2 -c:a pcm_s16le " + tmp.File("a.wav")));
+  ASSERT_TRUE(Ffmpeg(sine + "-c:a aac " + tmp.File("a.m4a")));
+  ASSERT_TRUE(Ffmpeg(sine + "-c:a flac " + tmp.File("a.flac")));
+  ASSERT_TRUE(Ffmpeg(sine + "-c:a pcm_s16be " + tmp.File("a.aiff")));
+  ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=duration=2:size=352x240:rate=30000/1001 " + sine + "-target ntsc-vcd " +
+                     tmp.File("a.mpg")));
   const std::pair<const char*, std::vector<const char*>> sources[] = {
       {"a.wav", {"mp1", "mp2", "mpa", "wma", "wav", "raw", "ogg", "ac3", "ram", "ra"}},
       {"a.m4a", {"m4a", "aac", "m4p"}}, {"a.flac", {"flac"}}, {"a.aiff", {"aiff", "aif"}},
@@ -52,7 +49,7 @@ TEST(FormatsSandbox, EveryExtensionLandsInItsTable) {
   std::set<std::string> music, video;
   for (const auto& [source, extensions] : sources) {
     for (const char* ext : extensions) {
-      fs::copy_file(tmp + "/" + source, kFolder + "/f." + ext);
+      fs::copy_file(tmp.File(source), kFolder + "/f." + ext);
       if (std::string(ext) != "mkv") (source == sources[4].first ? video : music).insert(std::string("f.") + ext);
     }
   }
