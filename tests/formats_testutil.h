@@ -94,18 +94,33 @@ inline std::string Reference(const std::string& relative) {
   return json.substr(at, json.find("\n  \"", at + 4) - at);
 }
 
-// A field's number: its "value" when the tools agree on it (or only one
-// reported it), or what `tool` reported; NaN when missing or not a number.
-inline double Agreed(const std::string& entry, const std::string& field, const std::string& tool = "value") {
-  size_t at = entry.find("\"" + field + "\": {");
-  if (at == std::string::npos) return NAN;
-  std::string object = entry.substr(at, entry.find("\n   }", at) - at);
+// The "value" (or what `tool` reported) of the object reached by following
+// `keys` in a file's reference text; "" when absent, null or escaped, and with
+// `agreed` also when the tools disagree.
+inline std::string RefText(const std::string& entry, std::initializer_list<const char*> keys,
+                           const std::string& tool = "value", bool agreed = false) {
+  size_t at = 0;
+  for (const char* key : keys)
+    if ((at = entry.find(std::string("\"") + key + "\": {", at)) == std::string::npos) return "";
+  size_t line = entry.rfind('\n', at) + 1;  // the closing brace is indented as the key
+  std::string close(1, '\n');
+  close.append(entry, line, at - line).push_back('}');
+  std::string object = entry.substr(at, entry.find(close, at) - at);
   size_t v = object.find("\"" + tool + "\": ");
-  if (v == std::string::npos || (tool == "value" && object.find("\"agree\": false") != std::string::npos)) return NAN;
-  const char* start = object.c_str() + v + tool.size() + 4;
+  if (v == std::string::npos || (agreed && object.find("\"agree\": false") != std::string::npos)) return "";
+  std::string token = object.substr(v + tool.size() + 4, object.find('\n', v) - v - tool.size() - 4);
+  if (!token.empty() && token.back() == ',') token.pop_back();
+  if (token.empty() || token == "null" || token.find('\\') != std::string::npos) return "";
+  return token[0] == '"' ? token.substr(1, token.size() - 2) : token;
+}
+
+// A field's number where the tools agree on it (or only one reported it), or
+// what `tool` reported; NaN when missing or not a number.
+inline double Agreed(const std::string& entry, const char* field, const std::string& tool = "value") {
+  std::string text = RefText(entry, {field}, tool, tool == "value");
   char* end = nullptr;
-  double number = strtod(start, &end);
-  return end == start ? NAN : number;
+  double number = strtod(text.c_str(), &end);
+  return end == text.c_str() ? NAN : number;
 }
 
 }  // namespace formats_test

@@ -3,36 +3,18 @@
 // where our rules deliberately differ, the test asserts our rule.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 
+#include "formats_testutil.h"
 #include "meta/metaid3.h"
 #include "support/log_capture.h"
+
+using namespace formats_test;
 
 namespace {
 
 const std::string kMp3Dir = std::string(ORVO_CORPUS_DIR) + "/mp3";
-
-// The "value" of the object reached by following `keys` in a file's reference
-// text; "" when absent, null or escaped, or with `agreed` when the tools differ.
-std::string Ref(const std::string& entry, std::initializer_list<const char*> keys, bool agreed = false) {
-  size_t at = 0;
-  for (const char* key : keys)
-    if ((at = entry.find(std::string("\"") + key + "\": {", at)) == std::string::npos) return "";
-  size_t line = entry.rfind('\n', at) + 1;  // the closing brace is indented as the key
-  std::string close(1, '\n');
-  close.append(entry, line, at - line).push_back('}');
-  std::string object = entry.substr(at, entry.find(close, at) - at);
-  size_t v = object.find("\"value\": ");
-  if (v == std::string::npos || (agreed && object.find("\"agree\": true") == std::string::npos)) return "";
-  std::string token = object.substr(v + 9, object.find('\n', v) - v - 9);
-  if (!token.empty() && token.back() == ',') token.pop_back();
-  if (token.empty() || token == "null" || token.find('\\') != std::string::npos) return "";
-  return token[0] == '"' ? token.substr(1, token.size() - 2) : token;
-}
 
 // ASCII text of a record field, decoding UTF-16 by its byte-order mark; ""
 // when a character is not ASCII.
@@ -57,18 +39,13 @@ struct CorpusFile {
 class Mp3Corpus : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    std::ifstream in(std::string(ORVO_CORPUS_DIR) + "/reference.json");
-    std::stringstream json;
-    json << in.rdbuf();
-    std::string text = json.str();
-    std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(kMp3Dir, ec)) {
-      CorpusFile& f = files_[e.path().filename().string()];
-      size_t at = text.find("\n  \"mp3/" + e.path().filename().string() + "\": {");
-      f.entry = at == std::string::npos ? "" : text.substr(at, text.find("\n  \"", at + 4) - at);
+    for (const std::string& path : CorpusFiles("mp3")) {
+      std::string name = fs::path(path).filename().string();
+      CorpusFile& f = files_[name];
+      f.entry = Reference("mp3/" + name);
       f.rec = {};
       orvo::test::LogCapture quiet;
-      f.result = ReadMp3Info(e.path().c_str(), &f.rec);
+      f.result = ReadMp3Info(path.c_str(), &f.rec);
     }
   }
   void SetUp() override {
@@ -80,10 +57,10 @@ class Mp3Corpus : public ::testing::Test {
 TEST_F(Mp3Corpus, IndexedExactlyWhenToolsFindMpeg1Or2AudioAndSampleRatesMatch) {
   int indexed = 0;
   for (const auto& [name, f] : files_) {
-    std::string rate = Ref(f.entry, {"sample_rate"});
+    std::string rate = RefText(f.entry, {"sample_rate"});
     // Our frame lengths deliberately differ from the standard's for MPEG-1
     // layer I and MPEG-2 layer II: such streams are never confirmed.
-    bool refused = rate.empty() || Ref(f.entry, {"mpeg", "version"}) == "2.5" || name == "mpeg1_44_1khz.mp1" ||
+    bool refused = rate.empty() || RefText(f.entry, {"mpeg", "version"}) == "2.5" || name == "mpeg1_44_1khz.mp1" ||
                    name == "mpeg2_22050hz.mp2";
     EXPECT_EQ(f.result, refused ? -1 : 0) << name;
     if (f.result == 0) {
@@ -97,7 +74,7 @@ TEST_F(Mp3Corpus, IndexedExactlyWhenToolsFindMpeg1Or2AudioAndSampleRatesMatch) {
 TEST_F(Mp3Corpus, XingOrVbriHeaderInReachGivesTheToolsDuration) {
   for (const char* name : {"vbr44.mp3", "vbr22.mp3", "vbr16stereo.mp3", "mpeg2_24khz_vbr.mp3", "vbri.mp3",
                            "rare_frames.mp3", "testcase-3star.mp3"}) {
-    double seconds = std::strtod(Ref(files_[name].entry, {"duration_s"}).c_str(), nullptr);
+    double seconds = std::strtod(RefText(files_[name].entry, {"duration_s"}).c_str(), nullptr);
     EXPECT_NEAR(files_[name].rec.duration, seconds, seconds * 0.01) << name;
   }
 }
@@ -105,16 +82,16 @@ TEST_F(Mp3Corpus, XingOrVbriHeaderInReachGivesTheToolsDuration) {
 TEST_F(Mp3Corpus, ChannelsHoldTheModeCodeNotTheToolsChannelCount) {
   for (const auto& [name, f] : files_) {
     if (f.result == 0) {
-      EXPECT_TRUE(Ref(f.entry, {"channels"}) == "1" ? f.rec.channels == 3 : f.rec.channels <= 2) << name;
+      EXPECT_TRUE(RefText(f.entry, {"channels"}) == "1" ? f.rec.channels == 3 : f.rec.channels <= 2) << name;
     }
   }
 }
 
 TEST_F(Mp3Corpus, InfoHeaderIsIgnoredSoTheLengthEstimateStays) {
   const CorpusFile& f = files_["toc_many_children.mp3"];
-  ASSERT_EQ(Ref(f.entry, {"mpeg", "vbr_header"}), "Info");
+  ASSERT_EQ(RefText(f.entry, {"mpeg", "vbr_header"}), "Info");
   double length = double(std::filesystem::file_size(kMp3Dir + "/toc_many_children.mp3"));
-  if (Ref(f.entry, {"id3", "v1"}) == "true") length -= 128;
+  if (RefText(f.entry, {"id3", "v1"}) == "true") length -= 128;
   EXPECT_NEAR(f.rec.duration, length / (f.rec.bitrate / 1000) * 0.008, 1e-3);
 }
 
@@ -130,7 +107,7 @@ TEST_F(Mp3Corpus, TagTextMatchesTheToolsWhereWeReadIt) {
                                                           {"artist", Ascii(r.artist, sizeof r.artist, r.artist_is_utf16)},
                                                           {"album", Ascii(r.album, sizeof r.album, r.album_is_utf16)}};
     for (auto [key, ours] : fields) {
-      std::string theirs = Ref(f.entry, {"tags", key}, true);
+      std::string theirs = RefText(f.entry, {"tags", key}, "value", true);
       if (f.result != 0 || theirs.empty() || ours.empty()) continue;
       // ID3v1 text is cut at 30 bytes; trailing blanks are not compared.
       if (ours.size() == 30 && theirs.size() > 30) theirs.resize(30);
