@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "meta/metaid3.h"
 #include "mp3_test_bytes.h"
@@ -84,15 +85,13 @@ TEST(Id3v1, BlankFieldsBecomeEmptyTitlesAreTrimmedYearsAreNot) {
 }
 
 TEST(Id3v1, TrackOnlyFromVersion11WithARealTrackByte) {
-  const struct { int track; char byte125; int expected; } cases[] = {{7, '\0', 7}, {200, '\0', 200}, {32, '\0', 0},
-                                                                     {7, 'x', 0}};  // 32: a blank; 'x': v1.0 text
-  for (const auto& c : cases) {
+  // A blank (32) is no track, nor is ID3v1.0 comment text in byte 125.
+  for (auto [track, byte125, expected] : {std::tuple{7, '\0', 7}, {200, '\0', 200}, {32, '\0', 0}, {7, 'x', 0}}) {
     std::string tag = Id3v1();
-    tag[125] = c.byte125;
-    tag[126] = char(c.track);
+    tag.replace(125, 2, {byte125, char(track)});
     MediaInfo rec;
     ASSERT_EQ(ReadRecord(Cbr128(4) + tag, &rec), 0);
-    EXPECT_EQ(rec.track, c.expected) << c.track << " " << c.byte125;
+    EXPECT_EQ(rec.track, expected) << track << " " << byte125;
   }
 }
 

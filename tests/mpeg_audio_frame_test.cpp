@@ -133,15 +133,16 @@ std::string GoodFile() {
   return Id3v2(3, Frame23("TIT2", Text("Title")), 64) + XingStream(1000, 40) + Id3v1("v1");
 }
 
-TEST(DamagedFile, EveryTruncationOfAGoodFileIsSafe) {
+TEST(DamagedFile, EveryTruncationOfAGoodFileIsSafeAndLoggedWhenRefused) {
   std::string good = GoodFile();
   // A header counts only once the next one confirms it; bytes past the end
   // read as 17, so the next header's two sync bytes already complete one.
   size_t confirmable = good.find("\xFF\xFB") + kFrame128Length + 2;
   for (size_t n = 0; n < good.size(); ++n) {
-    orvo::test::LogCapture quiet;
+    orvo::test::LogCapture log;
     MediaInfo rec;
     EXPECT_EQ(ReadRecord(good.substr(0, n), &rec), n < confirmable ? -1 : 0) << n;
+    EXPECT_EQ(log.Contains("Can't find valid mpeg header"), n < confirmable) << n;
   }
 }
 
