@@ -47,7 +47,8 @@ TEST_F(QueueCommands, EmptyQueueIsConsumedAndNotified) {
 
 TEST_F(QueueCommands, BadLinesAreLoggedAndTheRestRunsEvenWithoutTheLastNewline) {
   fs::create_directories("/volume1/music/kept");
-  std::ofstream(kQueueFile, std::ios::binary) << "a/volume1/music/nocolon\nx:/volume1/music/unknown\n"
+  // U with another word than "photo" does nothing: a re-index would add /volume1/music.
+  std::ofstream(kQueueFile, std::ios::binary) << "a/volume1/music/nocolon\nx:/volume1/music/unknown\nU:music\n"
                                               << "N:/volume1/music/only-one-path\na:/volume1/music/kept";
   Run({});
   for (const char* line : {"a/volume1/music/nocolon", "x:/volume1/music/unknown", "N:/volume1/music/only-one-path"})
