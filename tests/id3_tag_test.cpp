@@ -95,7 +95,7 @@ TEST(Id3v1, TrackOnlyFromVersion11WithARealTrackByte) {
   }
 }
 
-TEST(TagMerge, Id3v2WinsOverId3v1OverTheDefaults) {
+TEST(TagMerge, Id3v2WinsOverId3v1OverTheDefaultsAndFullId3v1FieldsStayBounded) {
   Id3v2Info v2 = {};
   Id3v1Tag v1 = {};
   memcpy(v1.title, "Old title  ", 11);
@@ -105,6 +105,9 @@ TEST(TagMerge, Id3v2WinsOverId3v1OverTheDefaults) {
   EXPECT_EQ(std::string(rec.title) + "|" + rec.artist, "Old title|New artist");
   v1.title[0] = '\0';
   EXPECT_STREQ(Merge(v2, v1, "file name").title, "file name");
+  memset(&v1, 'a', sizeof v1);  // no field NUL-terminated: each is read by its width
+  rec = Merge(Id3v2Info{}, v1);
+  EXPECT_EQ(strlen(rec.title) + strlen(rec.artist) + strlen(rec.album) + strlen(rec.year), 94u);
 }
 
 TEST(TagMerge, GenreNumbersOnlyInParenthesesAndNeverId3v1Zero) {
