@@ -78,6 +78,35 @@ TEST_P(PhotoIndex, MediaRowAndPhotoRowOfOneFile) {
   EXPECT_EQ(PhotoRow("takendate, change_time", plain), std::string(changed) + "|" + ctime(&st.st_ctime));
 }
 
+// The media row's EXIF date goes through mktime as it stands: an impossible
+// date is normalised, a result of -1 is stored like any other, and only 0
+// keeps the file's own mtime.
+TEST_P(PhotoIndex, ExifDateConversionQuirks) {
+  const char* zone = getenv("TZ");
+  std::string savedZone = zone ? zone : "";
+  setenv("TZ", "UTC", 1);
+  tzset();
+  struct Case { const char* date; const char* stored; } cases[] = {
+      {"2024:13:45 25:61:61", "1739584921"},  // 2025-02-15 02:02:01
+      {"1969:12:31 23:59:59", "-1"},
+      {"1970:01:01 00:00:00", "1234567890"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.date);
+    std::string path = Sized("dates/pic.jpg", 0);
+    std::string command = "ffmpeg -v error -y -f lavfi -i color=c=red:s=16x16 -frames:v 1 '" + path +
+                          "' </dev/null && exiftool -q -q -overwrite_original '-DateTimeOriginal#=" + c.date + "' '" +
+                          path + "'";
+    ASSERT_EQ(system(command.c_str()), 0) << command;
+    struct utimbuf times = {1234567890, 1234567890};
+    ASSERT_EQ(utime(path.c_str(), &times), 0);
+    ASSERT_EQ(IndexPhoto(path.c_str()), 0);
+    EXPECT_EQ(MediaRow("mtime", path), c.stored);
+  }
+  if (zone) setenv("TZ", savedZone.c_str(), 1); else unsetenv("TZ");
+  tzset();
+}
+
 // 20 MiB and more, and empty files, stay out of the photo database only.
 TEST_P(PhotoIndex, PhotoDatabaseSizeBoundIsExact) {
   std::string atLimit = Sized("big/limit.jpg", 20971520);

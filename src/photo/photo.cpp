@@ -43,6 +43,8 @@ time_t ExifDateToTime(const char* takenDate) {
   broken.tm_hour = static_cast<int>(fields[3]);
   broken.tm_min = static_cast<int>(fields[4]);
   broken.tm_sec = static_cast<int>(fields[5]);
+  // Always taken as standard time, also in summer: deliberate, the stored
+  // times of existing rows were made this way.
   broken.tm_isdst = 0;
   return mktime(&broken);
 }
