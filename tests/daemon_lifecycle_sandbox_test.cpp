@@ -66,4 +66,28 @@ TEST_F(DaemonLifecycle, NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne) {
   EXPECT_EQ(SandboxLogCount("Bad format [x:once]."), 1);
 }
 
+
+// SIGTERM in the middle of a run leaves the batch, which the next start runs:
+// nothing queued is lost.
+TEST_F(DaemonLifecycle, BatchCutShortBySigtermRunsAtNextStart) {
+  StartIdle();
+  {
+    std::ofstream queue(kQueueFile);
+    for (int i = 0; i < 20000; ++i) queue << "x:line " << i << "\n";
+  }
+  ASSERT_TRUE(SignalDaemon());
+  while (!fs::exists(kBatchFile) && SandboxHupCount() < 2) std::this_thread::sleep_for(1ms);
+  const int status = StopDaemon(pid_);
+  pid_ = -1;
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(SandboxHupCount(), 1);
+  ASSERT_TRUE(fs::exists(kBatchFile));
+
+  pid_ = StartDaemon(FastDaemonClock());
+  ASSERT_GT(pid_, 0);
+  ASSERT_TRUE(WaitForHups(2));
+  EXPECT_GE(SandboxLogCount("Bad format [x:line 19999]."), 1);
+  EXPECT_FALSE(fs::exists(kBatchFile));
+}
+
 }  // namespace
