@@ -66,7 +66,6 @@ TEST_F(DaemonLifecycle, NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne) {
   EXPECT_EQ(SandboxLogCount("Bad format [x:once]."), 1);
 }
 
-
 // SIGTERM in the middle of a run leaves the batch, which the next start runs:
 // nothing queued is lost.
 TEST_F(DaemonLifecycle, BatchCutShortBySigtermRunsAtNextStart) {
