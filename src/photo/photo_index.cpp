@@ -26,6 +26,7 @@
 #include "meta/exif.h"
 #include "photo/photo_path.h"
 #include "photo/photo_scoped.h"
+#include "photo/photo_sql.h"
 #include "platform/log.h"
 #include "platform/media_db.h"
 #include "platform/orvodb.h"
@@ -78,6 +79,9 @@ PhotoKind KindOfPath(const char* path) {
   return dot != nullptr ? KindOfExtension(dot + 1) : kKindNone;
 }
 
+}  // namespace
+
+// Escaping shared with the album table (photo_sql.h).
 // `text` quoted for a SQL literal (2 × length + 1 bytes); null, logged, on
 // failure.
 CText QuoteSql(const char* text) {
@@ -111,14 +115,12 @@ CText EscapeLike(const char* quoted) {
   return out;
 }
 
-// The path made safe for "path like '...'" conditions.
-CText LikePattern(const char* path) {
+// Quoted, then escaped once more for a LIKE pattern.
+CText QuotedLike(const char* path) {
   CText quoted = QuoteSql(path);
   if (!quoted) return nullptr;
   return EscapeLike(quoted.get());
 }
-
-}  // namespace
 
 int SanitizePhotoInfo(PhotoInfo* info) {
   if (info == nullptr) {
@@ -258,7 +260,7 @@ int ORVOPhotoRenamePath(const char* newPath, const char* oldPath, int isDir) {
   bool isFile = strchr(newPath, '.') != nullptr && !IsDirExist(newPath);
   PhotoKind kind = isFile ? KindOfPath(newPath) : kKindNone;
 
-  CText pattern = LikePattern(oldPath);
+  CText pattern = QuotedLike(oldPath);
   if (!pattern) return -1;
   char condition[4096] = {};
   snprintf(condition, sizeof condition, isDir ? "path like '%s/%%'" : "path like '%s%%'",
@@ -303,7 +305,7 @@ int ORVOVideoRenamePath(int table, const char* newPath, const char* oldPath) {
     ORVO_LOG("%s (%d) Bad parameter.");
     return -1;
   }
-  CText pattern = LikePattern(oldPath);
+  CText pattern = QuotedLike(oldPath);
   if (!pattern) return -1;
   // No '/' after the old path: a file rename also moves the rows of every
   // path that merely begins with it (subtitles beside a video). Deliberate.
@@ -354,7 +356,7 @@ int ORVOPhotoReconcileDir(const char* dir, char** files) {
     ORVO_LOG("%s (%d) Bad parameter. ");
     return -1;
   }
-  CText pattern = LikePattern(dir);
+  CText pattern = QuotedLike(dir);
   if (!pattern) return -1;
   size_t conditionSize = 2 * strlen(pattern.get()) + 64;
   std::string condition(conditionSize, '\0');

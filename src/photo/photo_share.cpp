@@ -19,6 +19,7 @@
 
 #include "photo/photo_index.h"
 #include "photo/photo_scoped.h"
+#include "photo/photo_sql.h"
 #include "platform/log.h"
 #include "platform/orvodb.h"
 #include "platform/photo_db.h"
@@ -57,47 +58,6 @@ std::string Format(const char* format, ...) {
   }
   va_end(args);
   return text;
-}
-
-// `text` quoted for a SQL literal (2 × length + 1 bytes); null, logged, on
-// failure.
-CText QuoteSql(const char* text) {
-  size_t length = strlen(text);
-  size_t size = 2 * length + 1;
-  CText out(static_cast<char*>(malloc(size)));
-  if (!out) {
-    ORVO_LOG("%s (%d) Failed to malloc(%d)", static_cast<int>(size));
-    return nullptr;
-  }
-  if (ORVODBEscapeString(out.get(), text, length) < 0) {
-    ORVO_LOG("%s (%d) Failed to escape condition.");
-    return nullptr;
-  }
-  return out;
-}
-
-// `text` escaped for a LIKE pattern (3 × length + 1 bytes); null, logged, on
-// failure.
-CText EscapeLike(const char* text) {
-  size_t size = 3 * strlen(text) + 1;
-  CText out(static_cast<char*>(malloc(size)));
-  if (!out) {
-    ORVO_LOG("%s (%d) Failed to malloc(%d)", static_cast<int>(size));
-    return nullptr;
-  }
-  if (ORVODBEscapeBackslash(out.get(), size, text) < 0) {
-    ORVO_LOG("%s (%d) Failed to escape condition.");
-    return nullptr;
-  }
-  return out;
-}
-
-// Quoted, then escaped once more for LIKE: the form of every LIKE condition
-// here except ORVOPhotoShareUpdate's.
-CText QuotedLike(const char* text) {
-  CText quoted = QuoteSql(text);
-  if (!quoted) return nullptr;
-  return EscapeLike(quoted.get());
 }
 
 // The share name of an absolute path under the photo root; null when the
