@@ -1,6 +1,7 @@
 // Small helpers shared by the media and the photo database.
 #pragma once
 
+#include <charconv>
 #include <string>
 #include <string_view>
 
@@ -12,5 +13,15 @@ std::string LikeLiteral(std::string_view text);
 
 // The path without trailing slashes (the root stays "/").
 std::string_view WithoutTrailingSlash(std::string_view path);
+
+// A number as statement text, without allocating.
+struct DecimalText {
+  char text[32];
+};
+inline DecimalText Decimal(long long value) {
+  DecimalText n;
+  *std::to_chars(n.text, n.text + sizeof n.text - 1, value).ptr = '\0';
+  return n;
+}
 
 }  // namespace orvo

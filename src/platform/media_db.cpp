@@ -64,16 +64,6 @@ bool NotNegative(T& value) {
   return true;
 }
 
-struct Number {
-  char text[32];
-};
-
-Number Decimal(long long value) {
-  Number n;
-  *std::to_chars(n.text, n.text + sizeof n.text - 1, value).ptr = '\0';
-  return n;
-}
-
 }  // namespace
 
 int MediaInfoValid(MediaInfo* info) {
@@ -139,11 +129,11 @@ int MediaInfoDBSave(int type, const MediaInfo* info) {
   char duration[32];
   auto [end, ec] = std::to_chars(duration, duration + sizeof duration - 1, record.duration);
   *(ec == std::errc() ? end : duration) = '\0';
-  Number track = Decimal(record.track), bitrate = Decimal(record.bitrate),
-         videoBitrate = Decimal(record.video_bitrate), frequency = Decimal(record.frequency),
-         channels = Decimal(record.channels), width = Decimal(record.width),
-         height = Decimal(record.height), filesize = Decimal(record.filesize),
-         mtime = Decimal(record.mtime), iso = Decimal(record.iso_speed);
+  orvo::DecimalText track = orvo::Decimal(record.track), bitrate = orvo::Decimal(record.bitrate),
+         videoBitrate = orvo::Decimal(record.video_bitrate), frequency = orvo::Decimal(record.frequency),
+         channels = orvo::Decimal(record.channels), width = orvo::Decimal(record.width),
+         height = orvo::Decimal(record.height), filesize = orvo::Decimal(record.filesize),
+         mtime = orvo::Decimal(record.mtime), iso = orvo::Decimal(record.iso_speed);
   const DbParam params[] = {record.path,    title,          album,        artist,
                             year,           genre,          track.text,   duration,
                             bitrate.text,   videoBitrate.text, frequency.text, channels.text,
@@ -197,7 +187,7 @@ int MediaInfoDBDirSave(const char* path) {
     ORVO_LOG("%s (%d) Bad parameter.");
     return -1;
   }
-  Number mtime = Decimal(st.st_mtime);
+  orvo::DecimalText mtime = orvo::Decimal(st.st_mtime);
   const DbParam params[] = {path, mtime.text};
   ORVODB* db = OrvoDBConnect(OrvoDatabase::kMedia);
   if (db == nullptr ||

@@ -63,16 +63,6 @@ PathNames NamesOf(std::string_view path) {
   return n;
 }
 
-struct Number {
-  char text[32];
-};
-
-Number Decimal(long long value) {
-  Number n;
-  *std::to_chars(n.text, n.text + sizeof n.text - 1, value).ptr = '\0';
-  return n;
-}
-
 ORVODB* PhotoDB() { return OrvoDBConnect(OrvoDatabase::kPhoto); }
 
 int Write(ORVODB* db, std::string_view sql, std::span<const DbParam> params, const char* path) {
@@ -209,8 +199,8 @@ int PhotoInfoDBSave(const PhotoInfo* info, int /*saveFlag*/) {
   orvo::ToUtf8Field(info->takenDate, sizeof info->takenDate, false, taken, sizeof taken);
   orvo::ToUtf8Field(info->changeTimeText, sizeof info->changeTimeText, false, changed,
                     sizeof changed);
-  Number width = Decimal(info->width), height = Decimal(info->height), iso = Decimal(info->iso),
-         size = Decimal(info->fileSize);
+  orvo::DecimalText width = orvo::Decimal(info->width), height = orvo::Decimal(info->height),
+                    iso = orvo::Decimal(info->iso), size = orvo::Decimal(info->fileSize);
   const DbParam params[] = {path.c_str(), name,       title,       album,     make,
                             model,        exposure,   aperture,    taken,     changed,
                             width.text,   height.text, iso.text,   size.text};
@@ -257,7 +247,7 @@ int ORVOIndexPhotoUpdateVideoStatus(const char* path) {
   struct stat st;
   if (Empty(path) || stat(path, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
   PathNames names = NamesOf(path);
-  Number size = Decimal(st.st_size), mtime = Decimal(st.st_mtime);
+  orvo::DecimalText size = orvo::Decimal(st.st_size), mtime = orvo::Decimal(st.st_mtime);
   const DbParam params[] = {path, names.name, names.title, names.album, size.text, mtime.text};
   return Write(PhotoDB(),
                "insert into photo_video (path, name, title, album, filesize, mtime, updated)"
