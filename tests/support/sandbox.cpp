@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -10,11 +9,10 @@
 #include <iterator>
 #include <memory>
 #include <sqlite3.h>
-#include <sstream>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -25,19 +23,15 @@ namespace orvo::test {
 
 namespace {
 
-constexpr auto kPoll = 20ms;
+constexpr std::string_view kSyncMarker = "orvo-sandbox-sync ";
 
 std::string EnvOr(const char* name, const char* fallback) {
   const char* value = getenv(name);
   return value != nullptr && value[0] != '\0' ? value : fallback;
 }
 
-std::string LogFile() { return EnvOr("ORVO_SANDBOX_LOG", "/run/orvo-sandbox/syslog.log"); }
-std::string HupFile() { return EnvOr("ORVO_SANDBOX_HUPS", "/run/orvo-sandbox/hups"); }
-
 template <typename Done>
-bool PollUntil(std::chrono::milliseconds timeout, Done done,
-               std::chrono::milliseconds interval = kPoll) {
+bool PollUntil(std::chrono::milliseconds timeout, Done done, std::chrono::milliseconds interval = 20ms) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
     if (done()) return true;
@@ -46,10 +40,9 @@ bool PollUntil(std::chrono::milliseconds timeout, Done done,
   }
 }
 
-int ReadPid(const char* path) {
-  std::ifstream in(path);
-  int pid = 0;
-  return (in >> pid) ? pid : 0;
+int ReadNumber(const std::string& path) {
+  int n = 0;
+  return std::ifstream(path) >> n ? n : 0;
 }
 
 bool HasVariable(const std::vector<std::string>& env, std::string_view name) {
@@ -63,20 +56,13 @@ std::vector<std::string> MergedEnvironment(std::vector<std::string> extra) {
   // A preloaded library (the fast clock) lands ahead of a sanitizer runtime,
   // which ASan refuses unless told that this order is fine.
   if (HasVariable(extra, "LD_PRELOAD") && !HasVariable(extra, "ASAN_OPTIONS")) {
-    const char* current = getenv("ASAN_OPTIONS");
-    std::string options = current != nullptr && current[0] != '\0' ? std::string(current) + ":" : "";
-    extra.push_back("ASAN_OPTIONS=" + options + "verify_asan_link_order=0");
+    std::string options = EnvOr("ASAN_OPTIONS", "");
+    extra.push_back("ASAN_OPTIONS=" + (options.empty() ? "" : options + ":") + "verify_asan_link_order=0");
   }
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) {
     std::string_view entry = *e;
-    bool replaced = false;
-    for (const auto& x : extra) {
-      size_t eq = x.find('=');
-      if (eq != std::string::npos && entry.substr(0, eq + 1) == std::string_view(x).substr(0, eq + 1))
-        replaced = true;
-    }
-    if (!replaced) env.emplace_back(entry);
+    if (!HasVariable(extra, entry.substr(0, entry.find('=')))) env.emplace_back(entry);
   }
   env.insert(env.end(), extra.begin(), extra.end());
   return env;
@@ -89,46 +75,35 @@ std::vector<char*> Pointers(std::vector<std::string>& strings) {
   return p;
 }
 
-struct SqliteCloser {
-  void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
-struct StatementCloser {
-  void operator()(sqlite3_stmt* st) const { sqlite3_finalize(st); }
-};
-
-}  // namespace
-
-bool InSandbox() {
-  struct stat st;
-  const char* flag = getenv("ORVO_SANDBOX");
-  return flag != nullptr && strcmp(flag, "1") == 0 && stat("/dev/log", &st) == 0 && S_ISSOCK(st.st_mode);
+// Forks and runs args[0] (looked up in PATH) with `extraEnv` added; standard
+// output and error go to `outFd` and input comes from /dev/null when given.
+pid_t Spawn(std::vector<std::string> args, const std::vector<std::string>& extraEnv, int outFd = -1) {
+  std::vector<std::string> env = MergedEnvironment(extraEnv);
+  pid_t child = fork();
+  if (child != 0) return child;
+  if (outFd >= 0) {
+    dup2(outFd, 1), dup2(outFd, 2);
+    int devnull = open("/dev/null", O_RDONLY);
+    if (devnull >= 0) dup2(devnull, 0);
+  }
+  auto a = Pointers(args);
+  auto e = Pointers(env);
+  execvpe(a[0], a.data(), e.data());
+  _exit(127);
 }
 
-namespace {
-
-constexpr std::string_view kSyncMarker = "orvo-sandbox-sync ";
-
-std::vector<std::string> ReadLogFile() {
+// The log's lines; the sync markers only when `withMarkers`.
+std::vector<std::string> ReadLogFile(bool withMarkers = false) {
   std::vector<std::string> lines;
-  std::ifstream in(LogFile());
-  std::string line;
-  while (std::getline(in, line))
-    if (line.find(kSyncMarker) == std::string::npos) lines.push_back(line);
+  std::ifstream in(EnvOr("ORVO_SANDBOX_LOG", "/run/orvo-sandbox/syslog.log"));
+  for (std::string line; std::getline(in, line);)
+    if (withMarkers || line.find(kSyncMarker) == std::string::npos) lines.push_back(line);
   return lines;
-}
-
-bool LogFileHas(std::string_view text) {
-  std::ifstream in(LogFile());
-  std::string line;
-  while (std::getline(in, line))
-    if (line.find(text) != std::string::npos) return true;
-  return false;
 }
 
 int CountIn(const std::vector<std::string>& lines, std::string_view text) {
   int n = 0;
-  for (const auto& line : lines)
-    if (line.find(text) != std::string::npos) ++n;
+  for (const auto& line : lines) n += line.find(text) != std::string::npos;
   return n;
 }
 
@@ -146,10 +121,25 @@ void SyncLog() {
   bool sent = sendto(fd, marker.data(), marker.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr) ==
               static_cast<ssize_t>(marker.size());
   close(fd);
-  if (sent) PollUntil(5s, [&] { return LogFileHas(marker); }, 1ms);
+  if (sent) PollUntil(5s, [&] { return CountIn(ReadLogFile(true), marker) > 0; }, 1ms);
+}
+
+// True once `pid` has a handler for `signo`: the daemon writes its pid file
+// before it installs its handlers, and a SIGUSR1 in between would kill it.
+bool CatchesSignal(pid_t pid, int signo) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind("SigCgt:", 0) == 0) return (strtoull(line.c_str() + 7, nullptr, 16) >> (signo - 1)) & 1;
+  return false;
 }
 
 }  // namespace
+
+bool InSandbox() {
+  struct stat st;
+  const char* flag = getenv("ORVO_SANDBOX");
+  return flag != nullptr && strcmp(flag, "1") == 0 && stat("/dev/log", &st) == 0 && S_ISSOCK(st.st_mode);
+}
 
 std::vector<std::string> SandboxLogLines() {
   if (InSandbox()) SyncLog();
@@ -162,27 +152,10 @@ bool WaitForLog(std::string_view text, std::chrono::milliseconds timeout) {
   return PollUntil(timeout, [&] { return CountIn(ReadLogFile(), text) > 0; }) || SandboxLogCount(text) > 0;
 }
 
-int SandboxHupCount() {
-  std::ifstream in(HupFile());
-  int n = 0;
-  return (in >> n) ? n : 0;
-}
+int SandboxHupCount() { return ReadNumber(EnvOr("ORVO_SANDBOX_HUPS", "/run/orvo-sandbox/hups")); }
 
 bool WaitForHups(int n, std::chrono::milliseconds timeout) {
   return PollUntil(timeout, [&] { return SandboxHupCount() >= n; });
-}
-
-// True once `pid` has a handler for `signo`: the daemon writes its pid file
-// before it installs its handlers, and a SIGUSR1 in between would kill it.
-static bool CatchesSignal(pid_t pid, int signo) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("SigCgt:", 0) != 0) continue;
-    unsigned long long mask = strtoull(line.c_str() + 7, nullptr, 16);
-    return (mask >> (signo - 1)) & 1;
-  }
-  return false;
 }
 
 bool ProcessAlive(pid_t pid) {
@@ -199,30 +172,15 @@ pid_t StartDaemon(const std::vector<std::string>& extraEnv, std::chrono::millise
   // inherits it and can wait for its exit status.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   unlink(kDaemonPidFile);
-  std::string binary = std::string(ORVO_BINARY_DIR) + "/orvoindexd";
-  std::vector<std::string> env = MergedEnvironment(extraEnv);
-  std::vector<std::string> args = {binary};
-  pid_t child = fork();
+  pid_t child = Spawn({std::string(ORVO_BINARY_DIR) + "/orvoindexd"}, extraEnv);
   if (child < 0) return -1;
-  if (child == 0) {
-    auto argv = Pointers(args);
-    auto envp = Pointers(env);
-    execve(binary.c_str(), argv.data(), envp.data());
-    _exit(127);
-  }
   pid_t daemonPid = -1;
   bool started = PollUntil(timeout, [&] {
-    int pid = ReadPid(kDaemonPidFile);
-    if (pid > 0 && ProcessAlive(pid) && CatchesSignal(pid, SIGUSR1)) {
-      daemonPid = pid;
-      return true;
-    }
-    int status;
-    // The first process ends once it has become a daemon (or failed to).
-    waitpid(child, &status, WNOHANG);
-    return false;
+    int pid = ReadNumber(kDaemonPidFile);
+    if (pid > 0 && ProcessAlive(pid) && CatchesSignal(pid, SIGUSR1)) daemonPid = pid;
+    waitpid(child, nullptr, WNOHANG);  // the first process ends once it is a daemon
+    return daemonPid > 0;
   });
-  waitpid(child, nullptr, WNOHANG);
   return started ? daemonPid : -1;
 }
 
@@ -234,23 +192,17 @@ int StopDaemon(pid_t pid, std::chrono::milliseconds timeout) {
     pid_t r = waitpid(pid, &status, WNOHANG);
     if (r == pid) return true;
     // Not our child (no sub-reaper): all we can see is that it is gone.
-    if (r < 0 && errno == ECHILD && !ProcessAlive(pid)) {
-      status = 0;
-      return true;
-    }
+    if (r < 0 && errno == ECHILD && !ProcessAlive(pid)) return status = 0, true;
     return false;
   });
-  if (!ended) {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    return -1;
-  }
-  return status;
+  if (ended) return status;
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  return -1;
 }
 
 bool AppendQueueLine(std::string_view line) {
-  std::string text(line);
-  text += '\n';
+  std::string text = std::string(line) + '\n';
   int fd = open(kQueueFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
@@ -259,72 +211,44 @@ bool AppendQueueLine(std::string_view line) {
 }
 
 bool SignalDaemon() {
-  int pid = ReadPid(kDaemonPidFile);
+  int pid = ReadNumber(kDaemonPidFile);
   return pid > 0 && kill(pid, SIGUSR1) == 0;
 }
 
 CommandResult RunCommand(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv) {
   CommandResult result;
-  if (argv.empty()) return result;
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) return result;
-  std::vector<std::string> args = argv;
-  std::vector<std::string> env = MergedEnvironment(extraEnv);
-  pid_t child = fork();
-  if (child < 0) {
-    close(pipeFds[0]);
-    close(pipeFds[1]);
-    return result;
-  }
-  if (child == 0) {
-    dup2(pipeFds[1], 1);
-    dup2(pipeFds[1], 2);
-    int devnull = open("/dev/null", O_RDONLY);
-    if (devnull >= 0) dup2(devnull, 0);
-    auto a = Pointers(args);
-    auto e = Pointers(env);
-    execvpe(a[0], a.data(), e.data());
-    _exit(127);
-  }
-  close(pipeFds[1]);
+  int fds[2];
+  if (argv.empty() || pipe2(fds, O_CLOEXEC) != 0) return result;
+  pid_t child = Spawn(argv, extraEnv, fds[1]);
+  close(fds[1]);
   char buffer[4096];
-  ssize_t n;
-  while ((n = read(pipeFds[0], buffer, sizeof buffer)) != 0) {
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    result.output.append(buffer, n);
+  for (ssize_t n; child > 0 && (n = read(fds[0], buffer, sizeof buffer)) != 0;) {
+    if (n > 0) result.output.append(buffer, n);
+    else if (errno != EINTR) break;
   }
-  close(pipeFds[0]);
+  close(fds[0]);
   int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
-  result.status = status;
+  if (child > 0) result.status = status;
   return result;
 }
 
 std::vector<std::vector<std::string>> QuerySqlite(const std::string& dbFile, const std::string& sql) {
-  std::vector<std::vector<std::string>> rows;
+  using Rows = std::vector<std::vector<std::string>>;
   sqlite3* raw = nullptr;
   int rc = sqlite3_open_v2(dbFile.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
-  std::unique_ptr<sqlite3, SqliteCloser> db(raw);
+  std::unique_ptr<sqlite3, int (*)(sqlite3*)> db(raw, sqlite3_close);
   if (rc != SQLITE_OK) return {{std::string("error: ") + (raw ? sqlite3_errmsg(raw) : "cannot open")}};
   sqlite3_busy_timeout(db.get(), 5000);
-  sqlite3_stmt* rawStatement = nullptr;
-  if (sqlite3_prepare_v2(db.get(), sql.c_str(), -1, &rawStatement, nullptr) != SQLITE_OK)
+  Rows rows;
+  auto collect = [](void* out, int n, char** values, char**) {
+    auto& row = static_cast<Rows*>(out)->emplace_back();
+    for (int i = 0; i < n; ++i) row.emplace_back(values[i] != nullptr ? values[i] : "");
+    return 0;
+  };
+  if (sqlite3_exec(db.get(), sql.c_str(), collect, &rows, nullptr) != SQLITE_OK)
     return {{std::string("error: ") + sqlite3_errmsg(db.get())}};
-  std::unique_ptr<sqlite3_stmt, StatementCloser> statement(rawStatement);
-  while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
-    std::vector<std::string> row;
-    for (int i = 0; i < sqlite3_column_count(statement.get()); ++i) {
-      const unsigned char* text = sqlite3_column_text(statement.get(), i);
-      row.emplace_back(text ? reinterpret_cast<const char*>(text) : "",
-                       static_cast<size_t>(sqlite3_column_bytes(statement.get(), i)));
-    }
-    rows.push_back(std::move(row));
-  }
-  if (rc != SQLITE_DONE) return {{std::string("error: ") + sqlite3_errmsg(db.get())}};
   return rows;
 }
 
