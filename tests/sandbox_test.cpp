@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "formats_testutil.h"
 #include "support/sandbox.h"
 
 namespace fs = std::filesystem;
@@ -26,12 +27,6 @@ class SandboxScript : public ::testing::Test {
   void SetUp() override {
     if (getenv("ORVO_SANDBOX") != nullptr) GTEST_SKIP() << "already inside a sandbox";
     if (access(kHelper.c_str(), X_OK) != 0) GTEST_SKIP() << "helper not built: " << kHelper;
-    std::string pattern = (fs::temp_directory_path() / "orvo-sandbox-test-XXXXXX").string();
-    scratch_ = mkdtemp(pattern.data());
-  }
-  void TearDown() override {
-    std::error_code ec;
-    if (!scratch_.empty()) fs::remove_all(scratch_, ec);
   }
   // Runs `shell` inside a sandbox made with `options`; its own scratch
   // folder goes under ours. Returns the exit code and the output.
@@ -42,7 +37,8 @@ class SandboxScript : public ::testing::Test {
     CommandResult r = orvo::test::RunCommand(argv, {"TMPDIR=" + scratch_, "ORVO_MEDIA_DB=" + kPgUri});
     return {WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1, r.output};
   }
-  std::string scratch_;
+  formats_test::TempDir dir_;
+  const std::string scratch_ = dir_.File("");  // ends in a slash
 };
 
 TEST_F(SandboxScript, CommandSeesTheLayoutAndItsExitStatusPassesThrough) {
@@ -59,17 +55,17 @@ TEST_F(SandboxScript, CommandSeesTheLayoutAndItsExitStatusPassesThrough) {
 
 // The demo runs on a host folder and takes the results out with --export.
 TEST_F(SandboxScript, OptionsSwitchFeaturesShareAFolderAndExportResults) {
-  fs::create_directories(scratch_ + "/vol/music");
-  std::ofstream(scratch_ + "/vol/music/in.mp3") << "in";
+  fs::create_directories(scratch_ + "vol/music");
+  std::ofstream(scratch_ + "vol/music/in.mp3") << "in";
   auto [code, out] = Run(
       "set -e; cat /etc.defaults/orvoinfo.conf; echo \"[$(cat /var/services/music/in.mp3)]\"; echo out >/volume1/photo/out.jpg; "
       "echo db >/var/lib/orvoindex/mediaserver.db",
-      {"--no-features", "--volume", scratch_ + "/vol", "--export", scratch_ + "/export"});
+      {"--no-features", "--volume", scratch_ + "vol", "--export", scratch_ + "export"});
   ASSERT_EQ(code, 0) << out;
   EXPECT_NE(out.find("supportphoto=\"no\""), std::string::npos) << out;
   EXPECT_NE(out.find("[in]"), std::string::npos) << out;
-  EXPECT_TRUE(fs::exists(scratch_ + "/vol/photo/out.jpg"));
-  std::ifstream db(scratch_ + "/export/mediaserver.db");
+  EXPECT_TRUE(fs::exists(scratch_ + "vol/photo/out.jpg"));
+  std::ifstream db(scratch_ + "export/mediaserver.db");
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(db), {}), "db\n");
   EXPECT_EQ(Run("true", {"--albumdefpublic", "maybe"}).first, 125) << "a bad option value ran the command";
 }

@@ -3,7 +3,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 #include <sys/wait.h>
@@ -111,9 +110,7 @@ TEST(ThumbQueue, AppendsOneLineAndSignalsTheLiveServiceOnly) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the service was not signalled";
   // The reaped child's pid is stale now: the request is still queued.
   EXPECT_EQ(QLIBSignalThumbCreateAt(queue.c_str(), pidFile.c_str(), "/volume1/photo/x%_'.png", 1), 0);
-  std::stringstream lines;
-  lines << std::ifstream(queue).rdbuf();
-  EXPECT_EQ(lines.str(), "3:/volume1/photo/a b.jpg\n1:/volume1/photo/x%_'.png\n");
+  EXPECT_EQ(formats_test::ReadBytes(queue), "3:/volume1/photo/a b.jpg\n1:/volume1/photo/x%_'.png\n");
 }
 
 }  // namespace
