@@ -32,6 +32,9 @@ TEST_F(DaemonLifecycle, OneInstanceAPidFileGoneWithSigtermAndAStaleOneIgnored) {
   std::ofstream(kDaemonPidFile) << 99999999;  // above the kernel's pid limit: cannot be alive
   CommandResult start = RunCommand({kDaemonBinary});
   EXPECT_TRUE(WIFEXITED(start.status) && WEXITSTATUS(start.status) == 0) << start.output;
+  // The parent returns at daemon(); the child writes its pid file a moment later.
+  for (int i = 0; i < 500 && atoi(ReadFile(kDaemonPidFile).c_str()) % 99999999 == 0; ++i)
+    std::this_thread::sleep_for(10ms);
   pid_ = atoi(ReadFile(kDaemonPidFile).c_str());
   EXPECT_TRUE(pid_ > 0 && ProcessAlive(pid_));
 }
