@@ -32,7 +32,8 @@ TEST_F(DaemonLifecycle, OneInstanceAPidFileGoneWithSigtermAndAStaleOneIgnored) {
   std::ofstream(kDaemonPidFile) << 99999999;  // above the kernel's pid limit: cannot be alive
   CommandResult start = RunCommand({kDaemonBinary});
   EXPECT_TRUE(WIFEXITED(start.status) && WEXITSTATUS(start.status) == 0) << start.output;
-  // The parent returns at daemon(); the child writes its pid file a moment later.
+  // The parent returns at daemon(); the child writes its pid file a moment
+  // later, so wait while the file is still empty (0) or still the stale pid.
   for (int i = 0; i < 500 && atoi(ReadFile(kDaemonPidFile).c_str()) % 99999999 == 0; ++i)
     std::this_thread::sleep_for(10ms);
   pid_ = atoi(ReadFile(kDaemonPidFile).c_str());
