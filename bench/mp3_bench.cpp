@@ -1,7 +1,7 @@
 // MP3 metadata extraction over a folder's MP3s, in one process, side by side
 // with the floor (stat + open + first 16 KiB + last 128 bytes + close) and,
 // when built with ORVO_BENCH_TAGLIB, TagLib reading tags and audio properties
-// of the same files. See bench/README-mp3.md.
+// of the same files. See bench/README.md.
 //
 //   mp3_bench <folder> [rounds]
 #include <dirent.h>
