@@ -54,21 +54,9 @@ int FillAiffRecord(const char* path, MediaInfo* info) {
 int IndexAiff(const char* path) {
   MediaInfo info;
   if (FillAiffRecord(path, &info) < 0) return -1;
-  if (MediaInfoDBSave(kMediaMusic, &info) != 0) {
-    ORVO_LOG("%s (%d) Failed to save media info to database.");
-    return -1;
-  }
-  return 0;
+  return SaveMediaRecord(kMediaMusic, info, __FILE_NAME__, __LINE__);
 }
 
 int RemoveAiff(const char* path) {
-  if (IsFileExist(path, nullptr) != 0) {
-    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
-    return -1;
-  }
-  if (MediaInfoDBDelete(kMediaMusic, path) != 0) {
-    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
-    return -1;
-  }
-  return 0;
+  return RemoveMediaRecord(kMediaMusic, path, __FILE_NAME__, __LINE__);
 }

@@ -122,9 +122,5 @@ int FillFlacRecord(const char* path, MediaInfo* info) {
 int IndexFlac(const char* path) {
   MediaInfo info;
   if (FillFlacRecord(path, &info) < 0) return -1;
-  if (MediaInfoDBSave(kMediaMusic, &info) != 0) {
-    ORVO_LOG("%s (%d) Failed to save media info to database.");
-    return -1;
-  }
-  return 0;
+  return SaveMediaRecord(kMediaMusic, info, __FILE_NAME__, __LINE__);
 }

@@ -41,28 +41,12 @@ namespace {
 int IndexMedia(const char* path, int type) {
   MediaInfo info;
   if (FillMediaRecord(path, type, &info) < 0) return -1;
-  if (MediaInfoDBSave(type, &info) != 0) {
-    ORVO_LOG("%s (%d) Failed to save media info to database.");
-    return -1;
-  }
-  return 0;
-}
-
-int RemoveMedia(const char* path, int type) {
-  if (IsFileExist(path, nullptr) != 0) {
-    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
-    return -1;
-  }
-  if (MediaInfoDBDelete(type, path) != 0) {
-    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
-    return -1;
-  }
-  return 0;
+  return SaveMediaRecord(type, info, __FILE_NAME__, __LINE__);
 }
 
 }  // namespace
 
 int IndexAudio(const char* path) { return IndexMedia(path, kMediaMusic); }
-int RemoveAudio(const char* path) { return RemoveMedia(path, kMediaMusic); }
+int RemoveAudio(const char* path) { return RemoveMediaRecord(kMediaMusic, path, __FILE_NAME__, __LINE__); }
 int IndexVideo(const char* path) { return IndexMedia(path, kMediaVideo); }
-int RemoveVideo(const char* path) { return RemoveMedia(path, kMediaVideo); }
+int RemoveVideo(const char* path) { return RemoveMediaRecord(kMediaVideo, path, __FILE_NAME__, __LINE__); }

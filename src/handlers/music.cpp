@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "handlers/handlers.h"
+#include "handlers/record_defaults.h"
 #include "meta/metaid3.h"
 #include "platform/log.h"
 #include "platform/media_db.h"
@@ -74,23 +75,10 @@ int IndexMp3(const char* path) {
   }
   if (rec.album[0] == '\0') WriteFolderAlbum(&rec);
 
-  if (MediaInfoDBSave(kMediaMusic, &rec) != 0) {
-    ORVO_LOG("%s (%d) Failed to save media info to database.");
-    return -1;
-  }
-  return 0;
+  return SaveMediaRecord(kMediaMusic, rec, __FILE_NAME__, __LINE__);
 }
 
 int RemoveMp3(const char* path) {
   if (path == nullptr) return -1;
-  // A file that still exists is never removed from the database.
-  if (IsFileExist(path, nullptr) != 0) {
-    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
-    return -1;
-  }
-  if (MediaInfoDBDelete(kMediaMusic, path) != 0) {
-    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
-    return -1;
-  }
-  return 0;
+  return RemoveMediaRecord(kMediaMusic, path, __FILE_NAME__, __LINE__);
 }

@@ -3,6 +3,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/log.h"
+#include "platform/media_db.h"
+#include "platform/system.h"
+
 namespace {
 
 const char* BaseName(const char* path) {
@@ -57,4 +61,22 @@ bool SetDefaultAlbum(MediaInfo* info, const char* path) {
   if (cut == nullptr) return false;
   *cut = '\0';
   return true;
+}
+
+// These two log through orvo::Log with the caller's module and line rather
+// than ORVO_LOG, so that each handler's messages keep its own module name.
+int SaveMediaRecord(int type, const MediaInfo& info, const char* module, int line) {
+  if (MediaInfoDBSave(type, &info) == 0) return 0;
+  orvo::Log("%s (%d) Failed to save media info to database.", module, line);
+  return -1;
+}
+
+int RemoveMediaRecord(int type, const char* path, const char* module, int line) {
+  if (IsFileExist(path, nullptr) != 0) {
+    orvo::Log("%s (%d) File exists. Skip remove it from database.", module, line);
+    return -1;
+  }
+  if (MediaInfoDBDelete(type, path) == 0) return 0;
+  orvo::Log("%s (%d) Failed to remove [%s] from database", module, line, path);
+  return -1;
 }

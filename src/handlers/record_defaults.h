@@ -1,7 +1,9 @@
-// The file-name and folder defaults that the non-MP3 handlers put into a
-// media record before (or, for MP4 and AIFF, after) the format's own tags.
-// They never log: the "Impossible error." guard is reported by the caller so
-// that the message carries the caller's module name.
+// The steps the media handlers share: the file-name and folder defaults put
+// into a record before (or, for MP4 and AIFF, after) the format's own tags,
+// and the save and remove at the end. The defaults never log: the
+// "Impossible error." guard is reported by the caller so that the message
+// carries the caller's module name; the save and remove log under the module
+// and line the caller passes (__FILE_NAME__, __LINE__).
 #pragma once
 
 #include <string_view>
@@ -29,3 +31,12 @@ void StartRecord(MediaInfo* info, const char* path, long long size);
 // Copies at most `bound - 1` bytes of `text` into `field` and terminates it:
 // the snprintf(field, bound, "%s", text) of every text field.
 void CopyField(char* field, int bound, std::string_view text);
+
+// MediaInfoDBSave(type, info); a refused save logs "Failed to save media info
+// to database." and gives -1.
+int SaveMediaRecord(int type, const MediaInfo& info, const char* module, int line);
+
+// The removers' steps: a file that still exists is never removed (logged,
+// -1); otherwise MediaInfoDBDelete(type, path), a failure logged with the
+// path (-1).
+int RemoveMediaRecord(int type, const char* path, const char* module, int line);

@@ -32,21 +32,9 @@ int FillVcdRecord(const char* path, MediaInfo* info) {
 int IndexVcd(const char* path) {
   MediaInfo info;
   if (FillVcdRecord(path, &info) < 0) return -1;
-  if (MediaInfoDBSave(kMediaVideo, &info) != 0) {
-    ORVO_LOG("%s (%d) Failed to save media info to database.");
-    return -1;
-  }
-  return 0;
+  return SaveMediaRecord(kMediaVideo, info, __FILE_NAME__, __LINE__);
 }
 
 int RemoveVcd(const char* path) {
-  if (IsFileExist(path, nullptr) != 0) {
-    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
-    return -1;
-  }
-  if (MediaInfoDBDelete(kMediaVideo, path) != 0) {
-    ORVO_LOG("%s (%d) Failed to remove [%s] from database", path);
-    return -1;
-  }
-  return 0;
+  return RemoveMediaRecord(kMediaVideo, path, __FILE_NAME__, __LINE__);
 }
