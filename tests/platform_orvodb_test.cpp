@@ -9,6 +9,8 @@
 #include <fstream>
 #include <thread>
 
+#include <sqlite3.h>
+
 #include "platform/db_backend.h"
 #include "platform/media_db.h"
 #include "platform/orvodb.h"
@@ -208,6 +210,36 @@ TEST_P(RawAccess, AnUnreachableDatabaseFailsEachCallUntilItIsBack) {
   EXPECT_EQ(SaveMusic("/m/x.mp3"), 0);
   ASSERT_EQ(ORVODBFlush(), 0);
   EXPECT_EQ(Elsewhere("select path from music"), "/m/x.mp3");
+}
+
+// A row the database refuses costs only itself and is logged by its path (on
+// the server at the next flush, since grouped rows are pipelined there).
+TEST_P(RawAccess, OneRefusedRowCostsOnlyItselfAndIsLogged) {
+  const char* rule = IsPostgres() ? "alter table music add constraint no_bad_titles check (title <> 'bad')"
+                                  : "create trigger no_bad_titles before insert on music when new.title = 'bad'"
+                                    " begin select raise(abort, 'no bad titles'); end";
+  ASSERT_NE(OrvoDBConnect(OrvoDatabase::kMedia), nullptr);
+  if (IsPostgres()) {
+    ASSERT_EQ(ORVODBExecute(OrvoDBConnect(OrvoDatabase::kMedia), rule, nullptr), 0);
+  } else {  // a trigger body holds semicolons: made by another program
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(Location(OrvoDatabase::kMedia).c_str() + 7, &other), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(other, rule, nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(other);
+  }
+  ASSERT_EQ(ORVODBFlush(), 0);
+  orvo::test::LogCapture log;
+  int failed = 0;
+  for (int i = 0; i < 11; ++i)
+    if (SaveMusic("/m/r" + std::to_string(i) + ".mp3", i == 5 ? "bad" : "good") != 0) ++failed;
+  if (ORVODBFlush() != 0) ++failed;
+  EXPECT_EQ(failed, 1);
+  EXPECT_TRUE(log.Contains("/m/r5.mp3"));
+  EXPECT_FALSE(log.Contains("/m/r4.mp3"));
+  EXPECT_EQ(Elsewhere("select count(*) from music where title = 'good'"), "10");
+  EXPECT_EQ(SaveMusic("/m/after.mp3"), 0);  // the connection goes on working
+  EXPECT_EQ(ORVODBFlush(), 0);
+  EXPECT_EQ(Elsewhere("select count(*) from music"), "11");
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, RawAccess, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
