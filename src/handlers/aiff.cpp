@@ -31,13 +31,7 @@ void ApplyFormat(MediaInfo* info, const AiffFormat& fmt) {
 }  // namespace
 
 int FillAiffRecord(const char* path, MediaInfo* info) {
-  if (path == nullptr || path[0] == '\0' || info == nullptr) {
-    ORVO_LOG("%s (%d) Bad parameter.");
-    return -1;
-  }
-  int64_t size = 0;
-  if (IsFileExist(path, &size) == 0) return -1;
-  StartRecord(info, path, size);
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
   // An unreadable header is not reported: the file is saved with zero audio
   // values and its name.
   AiffHandle aiff = AiffOpen(path, "rb");

@@ -103,15 +103,8 @@ int ReadFlacInfo(const char* path, MediaInfo* info) {
 }
 
 int FillFlacRecord(const char* path, MediaInfo* info) {
-  if (path == nullptr || path[0] == '\0' || info == nullptr) {
-    ORVO_LOG("%s (%d) Bad parameter.");
-    return -1;
-  }
-  int64_t size = 0;
-  if (IsFileExist(path, &size) == 0) return -1;
-  StartRecord(info, path, size);
-  SetDefaultTitle(info, path);
-  if (!SetDefaultAlbum(info, path)) ORVO_LOG("%s (%d) Impossible error.");
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
+  SetNameDefaults(info, path, __FILE_NAME__, __LINE__);
   if (ReadFlacInfo(path, info) < 0) ORVO_LOG("%s (%d) Failed to parse music metadata.");
   info->mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(path));
   // No MediaInfoValid before the save: deliberate, FLAC rows have always

@@ -12,16 +12,8 @@
 #include "platform/system.h"
 
 int FillMediaRecord(const char* path, int type, MediaInfo* info) {
-  if (path == nullptr || path[0] == '\0' || info == nullptr) {
-    ORVO_LOG("%s (%d) Bad parameter.");
-    return -1;
-  }
-  int64_t size = 0;
-  if (IsFileExist(path, &size) == 0) return -1;
-
-  StartRecord(info, path, size);
-  SetDefaultTitle(info, path);
-  if (!SetDefaultAlbum(info, path)) ORVO_LOG("%s (%d) Impossible error.");
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
+  SetNameDefaults(info, path, __FILE_NAME__, __LINE__);
 
   // A file the library cannot read is still saved with its name and folder.
   if (ReadMediaInfo(path, info) < 0) {

@@ -95,13 +95,7 @@ int ReadMp4Info(const char* path, MediaInfo* info) {
 }
 
 int FillMp4Record(const char* path, MediaInfo* info) {
-  if (path == nullptr || path[0] == '\0' || info == nullptr) {
-    ORVO_LOG("%s (%d) Bad parameter.");
-    return -1;
-  }
-  int64_t size = 0;
-  if (IsFileExist(path, &size) == 0) return -1;
-  StartRecord(info, path, size);
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
   if (ReadMp4Info(info->path, info) < 0) ORVO_LOG("%s (%d) Failed to parse music metadata.");
   info->mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(path));
   MediaInfoValid(info);

@@ -1,5 +1,6 @@
 #include "handlers/record_defaults.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -63,7 +64,7 @@ bool SetDefaultAlbum(MediaInfo* info, const char* path) {
   return true;
 }
 
-// These two log through orvo::Log with the caller's module and line rather
+// These log through orvo::Log with the caller's module and line rather
 // than ORVO_LOG, so that each handler's messages keep its own module name.
 int SaveMediaRecord(int type, const MediaInfo& info, const char* module, int line) {
   if (MediaInfoDBSave(type, &info) == 0) return 0;
@@ -79,4 +80,20 @@ int RemoveMediaRecord(int type, const char* path, const char* module, int line) 
   if (MediaInfoDBDelete(type, path) == 0) return 0;
   orvo::Log("%s (%d) Failed to remove [%s] from database", module, line, path);
   return -1;
+}
+
+int BeginFileRecord(const char* path, MediaInfo* info, const char* module, int line) {
+  if (path == nullptr || path[0] == '\0' || info == nullptr) {
+    orvo::Log("%s (%d) Bad parameter.", module, line);
+    return -1;
+  }
+  int64_t size = 0;
+  if (IsFileExist(path, &size) == 0) return -1;
+  StartRecord(info, path, size);
+  return 0;
+}
+
+void SetNameDefaults(MediaInfo* info, const char* path, const char* module, int line) {
+  SetDefaultTitle(info, path);
+  if (!SetDefaultAlbum(info, path)) orvo::Log("%s (%d) Impossible error.", module, line);
 }

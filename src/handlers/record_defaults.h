@@ -40,3 +40,12 @@ int SaveMediaRecord(int type, const MediaInfo& info, const char* module, int lin
 // -1); otherwise MediaInfoDBDelete(type, path), a failure logged with the
 // path (-1).
 int RemoveMediaRecord(int type, const char* path, const char* module, int line);
+
+// The start of every file handler: a missing path or record logs "Bad
+// parameter." (-1); a file that is not there gives -1 silently; otherwise the
+// record is zeroed and given the path and the file's size.
+int BeginFileRecord(const char* path, MediaInfo* info, const char* module, int line);
+
+// SetDefaultTitle and SetDefaultAlbum, the album's guard logged as
+// "Impossible error." under the caller's module.
+void SetNameDefaults(MediaInfo* info, const char* path, const char* module, int line);

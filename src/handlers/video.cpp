@@ -11,16 +11,8 @@
 #include "platform/system.h"
 
 int FillVcdRecord(const char* path, MediaInfo* info) {
-  if (path == nullptr || path[0] == '\0' || info == nullptr) {
-    ORVO_LOG("%s (%d) Bad parameter.");
-    return -1;
-  }
-  int64_t size = 0;
-  if (IsFileExist(path, &size) == 0) return -1;
-
-  StartRecord(info, path, size);
-  SetDefaultTitle(info, path);
-  if (!SetDefaultAlbum(info, path)) ORVO_LOG("%s (%d) Impossible error.");
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
+  SetNameDefaults(info, path, __FILE_NAME__, __LINE__);
   if (ParseMpegVideoFile(path, info) < 0) {
     ORVO_LOG("%s (%d) Failed to parse music metadata.");  // "music" as it always read
   }
