@@ -99,6 +99,32 @@ void StoreTrack(const FrameText& text, Id3v2Info* info) {
   if (char* slash = strchr(info->track, '/')) *slash = '\0';
 }
 
+// A text frame into its field, by its ID3v2.3/2.4 id or its ID3v2.2 id.
+void StoreFrame(Id3v2Info* info, const char* id, bool v22, const FrameText& text) {
+  struct Target {
+    const char* id23;
+    const char* id22;
+    char* field;
+    size_t size;
+    int32_t* utf16;
+  };
+  const Target targets[] = {
+      {"TALB", "TAL", info->album, sizeof info->album, &info->album_utf16},
+      {"TCON", "TCO", info->genre, sizeof info->genre, &info->genre_utf16},
+      {"TYER", "TYE", info->year, sizeof info->year, &info->year_utf16},
+      {"TPE1", "TP1", info->artist, sizeof info->artist, &info->artist_utf16},
+      {"TIT2", "TT2", info->title, sizeof info->title, &info->title_utf16},
+  };
+  const size_t length = v22 ? 3 : 4;
+  for (const Target& t : targets) {
+    if (strncasecmp(id, v22 ? t.id22 : t.id23, length) == 0) {
+      StoreText(text, t.field, t.size, t.utf16);
+      return;
+    }
+  }
+  if (strncasecmp(id, v22 ? "TRK" : "TRCK", length) == 0) StoreTrack(text, info);
+}
+
 // Blank ID3v1 fields become empty; fields with content keep their blanks.
 void EmptyBlankField(char* field, int width) {
   for (int i = 0; i < width; ++i) {
@@ -279,20 +305,7 @@ void ReadId3v2Frames(Id3v2Info* info, ByteReader* reader, int major_version) {
     if (strncasecmp(id, "APIC", 4) != 0) {
       if (size > kMaxTextFrame) break;
       ReadFrameText(reader, pos + 10, size, true, &text);
-      if (size >= 2) {
-        if (strncasecmp(id, "TALB", 4) == 0)
-          StoreText(text, info->album, sizeof info->album, &info->album_utf16);
-        else if (strncasecmp(id, "TCON", 4) == 0)
-          StoreText(text, info->genre, sizeof info->genre, &info->genre_utf16);
-        else if (strncasecmp(id, "TYER", 4) == 0)
-          StoreText(text, info->year, sizeof info->year, &info->year_utf16);
-        else if (strncasecmp(id, "TPE1", 4) == 0)
-          StoreText(text, info->artist, sizeof info->artist, &info->artist_utf16);
-        else if (strncasecmp(id, "TIT2", 4) == 0)
-          StoreText(text, info->title, sizeof info->title, &info->title_utf16);
-        else if (strncasecmp(id, "TRCK", 4) == 0)
-          StoreTrack(text, info);
-      }
+      if (size >= 2) StoreFrame(info, id, false, text);
     }
     pos += size + 10;
   }
@@ -318,20 +331,7 @@ void ReadId3v22Frames(Id3v2Info* info, ByteReader* reader) {
     if (strncasecmp(id, "PIC", 3) != 0) {
       if (size > kMaxTextFrame) break;
       ReadFrameText(reader, pos + 6, size, false, &text);
-      if (size >= 2) {
-        if (strncasecmp(id, "TAL", 3) == 0)
-          StoreText(text, info->album, sizeof info->album, &info->album_utf16);
-        else if (strncasecmp(id, "TCO", 3) == 0)
-          StoreText(text, info->genre, sizeof info->genre, &info->genre_utf16);
-        else if (strncasecmp(id, "TYE", 3) == 0)
-          StoreText(text, info->year, sizeof info->year, &info->year_utf16);
-        else if (strncasecmp(id, "TP1", 3) == 0)
-          StoreText(text, info->artist, sizeof info->artist, &info->artist_utf16);
-        else if (strncasecmp(id, "TT2", 3) == 0)
-          StoreText(text, info->title, sizeof info->title, &info->title_utf16);
-        else if (strncasecmp(id, "TRK", 3) == 0)
-          StoreTrack(text, info);
-      }
+      if (size >= 2) StoreFrame(info, id, true, text);
     }
     pos += size + 6;
   }
