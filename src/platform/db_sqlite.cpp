@@ -127,14 +127,10 @@ int BooleanWord(std::string_view word) {
   return -1;
 }
 
-// Booleans are stored as 1/0, and SQLite never finds the integer 1 equal to
-// the text 't'. So "<boolean column> = 't'" (also <> and !=, in conditions
-// and in set clauses) gets 1 or 0 in place of the quoted word, which gives
-// the answer the server gives for the same text.
-std::string BooleanLiteralsAsNumbers(std::string_view sql) {
-  std::string out;
-  size_t copied = 0;
-  for (size_t i = 0; i < sql.size(); ++i) {
+// The next quoted literal of `sql` at or after `from`, comments passed over:
+// the positions of its opening and closing quote, or false when there is none.
+bool NextLiteral(std::string_view sql, size_t from, size_t* open, size_t* close) {
+  for (size_t i = from; i < sql.size(); ++i) {
     char c = sql[i];
     if (c == '-' && i + 1 < sql.size() && sql[i + 1] == '-') {
       while (i < sql.size() && sql[i] != '\n') ++i;
@@ -142,19 +138,52 @@ std::string BooleanLiteralsAsNumbers(std::string_view sql) {
     }
     if (c == '/' && i + 1 < sql.size() && sql[i + 1] == '*') {
       size_t end = sql.find("*/", i + 2);
-      if (end == std::string_view::npos) break;
+      if (end == std::string_view::npos) return false;
       i = end + 1;
       continue;
     }
     if (c != '\'') continue;
-    size_t close = i + 1;
-    while (close < sql.size()) {
-      if (sql[close] == '\'' && (close + 1 >= sql.size() || sql[close + 1] != '\'')) break;
-      close += sql[close] == '\'' ? 2 : 1;
+    size_t j = i + 1;
+    while (j < sql.size()) {
+      if (sql[j] == '\'' && (j + 1 >= sql.size() || sql[j + 1] != '\'')) break;
+      j += sql[j] == '\'' ? 2 : 1;
     }
-    if (close >= sql.size()) break;
+    if (j >= sql.size()) return false;
+    *open = i;
+    *close = j;
+    return true;
+  }
+  return false;
+}
+
+bool IsWordChar(char c) { return isalnum(static_cast<unsigned char>(c)) || c == '_'; }
+
+// The word that ends just before `end`, spaces before `end` skipped; `*start`
+// gets where it begins.
+std::string_view WordBefore(std::string_view sql, size_t end, size_t* start) {
+  while (end > 0 && isspace(static_cast<unsigned char>(sql[end - 1]))) --end;
+  size_t k = end;
+  while (k > 0 && IsWordChar(sql[k - 1])) --k;
+  *start = k;
+  return sql.substr(k, end - k);
+}
+
+bool SameWord(std::string_view word, const char* expected) {
+  return word.size() == strlen(expected) && strncasecmp(word.data(), expected, word.size()) == 0;
+}
+
+// Booleans are stored as 1/0, and SQLite never finds the integer 1 equal to
+// the text 't'. So "<boolean column> = 't'" (also <> and !=, in conditions
+// and in set clauses) gets 1 or 0 in place of the quoted word, which gives
+// the answer the server gives for the same text.
+std::string BooleanLiteralsAsNumbers(std::string_view sql) {
+  std::string out;
+  size_t copied = 0;
+  size_t open = 0;
+  size_t close = 0;
+  for (size_t from = 0; NextLiteral(sql, from, &open, &close); from = close + 1) {
     // Look back over the operator to the column name.
-    size_t k = i;
+    size_t k = open;
     while (k > 0 && isspace(static_cast<unsigned char>(sql[k - 1]))) --k;
     bool isOperator = false;
     if (k >= 2 && (sql.substr(k - 2, 2) == "<>" || sql.substr(k - 2, 2) == "!=")) {
@@ -164,20 +193,92 @@ std::string BooleanLiteralsAsNumbers(std::string_view sql) {
       k -= 1;
       isOperator = true;
     }
-    int value = -1;
-    if (isOperator) {
-      while (k > 0 && isspace(static_cast<unsigned char>(sql[k - 1]))) --k;
-      size_t end = k;
-      while (k > 0 && (isalnum(static_cast<unsigned char>(sql[k - 1])) || sql[k - 1] == '_')) --k;
-      if (IsBooleanColumn(sql.substr(k, end - k)))
-        value = BooleanWord(sql.substr(i + 1, close - i - 1));
+    if (!isOperator || !IsBooleanColumn(WordBefore(sql, k, &k))) continue;
+    int value = BooleanWord(sql.substr(open + 1, close - open - 1));
+    if (value < 0) continue;
+    out.append(sql.substr(copied, open - copied));
+    out += value ? '1' : '0';
+    copied = close + 1;
+  }
+  if (copied == 0) return std::string(sql);
+  out.append(sql.substr(copied));
+  return out;
+}
+
+// The fixed bytes every match of a LIKE pattern begins with: the pattern's
+// text up to its first unescaped wildcard, escapes (backslash) resolved.
+// `quoted` is the literal's inside, quotes still doubled.
+std::string LikePrefix(std::string_view quoted) {
+  std::string prefix;
+  for (size_t i = 0; i < quoted.size(); ++i) {
+    char c = quoted[i];
+    if (c == '%' || c == '_') break;
+    if (c == '\\') {
+      if (++i == quoted.size()) return {};  // a bad pattern: like() reports it
+      c = quoted[i];
+    } else if (c == '\'') {
+      ++i;  // the second of a doubled quote
     }
-    if (value >= 0) {
-      out.append(sql.substr(copied, i - copied));
-      out += value ? '1' : '0';
-      copied = close + 1;
+    prefix += c;
+  }
+  return prefix;
+}
+
+void AppendQuoted(std::string& out, std::string_view text) {
+  out += '\'';
+  for (char c : text) {
+    out += c;
+    if (c == '\'') out += '\'';
+  }
+  out += '\'';
+}
+
+// Our like() is a function SQLite knows nothing about, so "path like 'DIR/%'"
+// reads the whole table. Every row it matches starts with the pattern's fixed
+// prefix, and the index orders rows byte by byte as like() compares them: the
+// condition becomes "(path >= 'DIR/' and path < 'DIR0' and path like 'DIR/%')",
+// the same rows found through the index. Only the indexed text columns that
+// the photo statements search by prefix take part.
+std::string PrefixLikesAsRanges(std::string_view sql) {
+  std::string out;
+  size_t copied = 0;
+  size_t open = 0;
+  size_t close = 0;
+  for (size_t from = 0; NextLiteral(sql, from, &open, &close); from = close + 1) {
+    size_t likeStart = 0;
+    if (!SameWord(WordBefore(sql, open, &likeStart), "like")) continue;
+    size_t columnStart = 0;
+    std::string_view column = WordBefore(sql, likeStart, &columnStart);
+    if (!SameWord(column, "path") && !SameWord(column, "sharename")) continue;
+    if (columnStart > 0 && (sql[columnStart - 1] == '.' || sql[columnStart - 1] == '"')) continue;
+    size_t next = close + 1;
+    while (next < sql.size() && isspace(static_cast<unsigned char>(sql[next]))) ++next;
+    size_t afterWord = next;
+    while (afterWord < sql.size() && IsWordChar(sql[afterWord])) ++afterWord;
+    if (SameWord(sql.substr(next, afterWord - next), "escape")) continue;
+
+    std::string low = LikePrefix(sql.substr(open + 1, close - open - 1));
+    if (low.empty()) continue;
+    // The least text above every text that starts with `low`.
+    std::string high = low;
+    while (!high.empty() && static_cast<unsigned char>(high.back()) == 0xFF) high.pop_back();
+    if (!high.empty()) high.back() = static_cast<char>(static_cast<unsigned char>(high.back()) + 1);
+
+    out.append(sql.substr(copied, columnStart - copied));
+    out += '(';
+    out.append(column);
+    out += " >= ";
+    AppendQuoted(out, low);
+    if (!high.empty()) {
+      out += " and ";
+      out.append(column);
+      out += " < ";
+      AppendQuoted(out, high);
     }
-    i = close;
+    out += " and ";
+    out.append(sql.substr(columnStart, close + 1 - columnStart));
+    out += ')';
+    copied = close + 1;
   }
   if (copied == 0) return std::string(sql);
   out.append(sql.substr(copied));
@@ -283,7 +384,7 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
   }
   std::string rewritten;
   if (!cached) {
-    rewritten = BooleanLiteralsAsNumbers(sql);
+    rewritten = PrefixLikesAsRanges(BooleanLiteralsAsNumbers(sql));
     sql = rewritten;
   }
   if (stmt == nullptr) {
