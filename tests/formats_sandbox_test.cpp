@@ -1,10 +1,13 @@
 // One queue run adding a folder that holds a file of every audio, video and
 // playlist extension: each lands in the table of its handler, with the values
 // its reader gives.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 
 #include "formats_testutil.h"
@@ -55,11 +58,24 @@ TEST(FormatsSandbox, EveryExtensionLandsInItsTable) {
   }
   std::ofstream(kFolder + "/Party Mix.m3u") << "f.wav\n";
   std::ofstream(kFolder + "/list.wpl") << "<smil/>\n";
+  // Every file gets its own modification time, which its row must carry.
+  std::map<std::string, long> mtimes;
+  long stamp = 1000000000;
+  for (const auto& entry : fs::directory_iterator(kFolder)) {
+    const timespec times[2] = {{stamp, 0}, {stamp, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, entry.path().c_str(), times, 0), 0);
+    mtimes[entry.path().string()] = stamp;
+    stamp += 86400;
+  }
 
   ASSERT_TRUE(AppendQueueLine("A:" + kFolder) && SignalDaemon() && WaitForHups(2));
   EXPECT_EQ(Names("music"), music);
   EXPECT_EQ(Names("video"), video);  // f.mkv has no handler
   EXPECT_EQ(Names("playlist"), (std::set<std::string>{"Party Mix.m3u", "list.wpl"}));
+  for (const char* table : {"music", "video"}) {
+    for (const auto& row : QuerySqlite(kMediaDbFile, std::string("select path, mtime from ") + table))
+      EXPECT_EQ(std::stol(row.at(1)), mtimes[row.at(0)]) << row.at(0);
+  }
   // The VCD parser's unit, not the generic probe's figure: .dat went to its own handler.
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select video_bitrate from video where path like '%f.dat'"),
             (std::vector<std::vector<std::string>>{{"2875000"}}));

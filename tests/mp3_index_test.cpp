@@ -1,6 +1,8 @@
 // The MP3 handler on both database backends: the file-name and folder
 // defaults, and what is never saved.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -41,6 +43,15 @@ TEST_P(Mp3Index, UntaggedFileTakesItsNameAndFolder) {
   Index(std::string(255, 'f') + "/a.mp3", Cbr128(10));
   EXPECT_TRUE(log.Contains("Impossible error."));
   EXPECT_EQ(Row("count(*)", " where album = '" + std::string(254, 'f') + "'"), "1");
+}
+
+TEST_P(Mp3Index, RowCarriesTheFilesModificationTime) {
+  std::string path = TempDir() + "/dated.mp3";
+  std::ofstream(path, std::ios::binary) << Cbr128(10);
+  const timespec times[2] = {{1234567890, 0}, {1234567890, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  ASSERT_EQ(IndexMp3(path.c_str()), 0);
+  EXPECT_EQ(Row("mtime", ""), "1234567890");
 }
 
 TEST_P(Mp3Index, FileWithoutAudioIsNeverSavedAndMissingFileIsSilent) {

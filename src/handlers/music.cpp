@@ -54,7 +54,8 @@ int IndexMp3(const char* path) {
     return -1;
   }
   int64_t size = 0;
-  if (IsFileExist(path, &size) == 0) return -1;
+  time_t mtime = 0;
+  if (IsFileExist(path, &size, &mtime) == 0) return -1;
 
   MediaInfo rec;
   memset(&rec, 0, sizeof rec);
@@ -66,7 +67,7 @@ int IndexMp3(const char* path) {
     ORVO_LOG("%s (%d) Failed to parse music metadata.");
     return -1;
   }
-  rec.mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(rec.path));
+  rec.mtime = static_cast<int32_t>(mtime);
   MediaInfoValid(&rec);
 
   if (rec.title[0] == '\0') {

@@ -82,13 +82,13 @@ int RemoveMediaRecord(int type, const char* path, const char* module, int line) 
   return -1;
 }
 
-int BeginFileRecord(const char* path, MediaInfo* info, const char* module, int line) {
+int BeginFileRecord(const char* path, MediaInfo* info, time_t* mtime, const char* module, int line) {
   if (path == nullptr || path[0] == '\0' || info == nullptr) {
     orvo::Log("%s (%d) Bad parameter.", module, line);
     return -1;
   }
   int64_t size = 0;
-  if (IsFileExist(path, &size) == 0) return -1;
+  if (IsFileExist(path, &size, mtime) == 0) return -1;
   StartRecord(info, path, size);
   return 0;
 }

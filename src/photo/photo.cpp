@@ -84,7 +84,8 @@ int IndexPhoto(const char* path) {
     return -1;
   }
   int64_t size = 0;
-  if (!IsFileExist(path, &size)) return -1;
+  time_t mtime = 0;
+  if (!IsFileExist(path, &size, &mtime)) return -1;
 
   MediaInfo media = {};
   // Thumbnail and metadata folders of the appliance are never indexed.
@@ -100,7 +101,7 @@ int IndexPhoto(const char* path) {
 
   const char* dot = strrchr(media.path, '.');
   if (dot != nullptr) {
-    media.mtime = static_cast<int32_t>(ORVOIndexModifyTimeGet(path));
+    media.mtime = static_cast<int32_t>(mtime);
     if (IsJpegExtension(dot + 1)) FillFromExif(path, media);
     // The header's pixel size wins over EXIF; not clamped on this path.
     int width = 0;

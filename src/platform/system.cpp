@@ -146,10 +146,13 @@ void QLIBCopyright() {
   printf("Copyright (C) 2026 the orvoindex developers. All rights reserved.\n");
 }
 
-int IsFileExist(const char* path, int64_t* size) {
+int IsFileExist(const char* path, int64_t* size) { return IsFileExist(path, size, nullptr); }
+
+int IsFileExist(const char* path, int64_t* size, time_t* mtime) {
   struct stat st;
   if (path == nullptr || stat(path, &st) != 0 || !S_ISREG(st.st_mode)) return 0;
   if (size != nullptr) *size = static_cast<int64_t>(st.st_size);
+  if (mtime != nullptr) *mtime = st.st_mtime;
   return 1;
 }
 

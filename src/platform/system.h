@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 // Reads `key` from a "key=value" file ('#' comments, optional double quotes
 // around the value, the last occurrence wins) into `out`, NUL-terminated and
@@ -21,6 +22,9 @@ void QLIBCopyright();
 // Non-zero when `path` is a regular file (links followed); stores its size in
 // *size when `size` is not null.
 int IsFileExist(const char* path, int64_t* size);
+// The same, also giving the modification time in seconds, so that a handler
+// that needs both stats the file once.
+int IsFileExist(const char* path, int64_t* size, time_t* mtime);
 
 // Non-zero when `path` is a directory (links followed).
 int IsDirExist(const char* path);
