@@ -143,42 +143,6 @@ void ReplayGroup(ORVODB* db) {
   db->pipelineAborted = false;
 }
 
-// One statement inside a group: a failure there would abort the whole
-// transaction, so the statement runs between a savepoint and its release.
-// The three go out in one round trip; only a failure costs a second one, to
-// roll back to the savepoint. Null, and the connection closed, when the
-// pipeline broke.
-ResultPtr ExecGuarded(ORVODB* db, const char* sql, std::span<const DbParam> params) {
-  PGconn* pg = db->pg;
-  auto send = [pg](const char* text, std::span<const DbParam> values) {
-    return PQsendQueryParams(pg, text, static_cast<int>(values.size()), nullptr, values.data(),
-                             nullptr, nullptr, 0) == 1;
-  };
-  bool sent = PQenterPipelineMode(pg) == 1 && send("savepoint orvo_statement", {}) &&
-              send(sql, params) && send("release savepoint orvo_statement", {}) &&
-              PQpipelineSync(pg) == 1;
-  // The first result of each of the three; a query ends with a null.
-  ResultPtr results[3];
-  if (sent) {
-    for (ResultPtr& first : results) {
-      while (PGresult* r = PQgetResult(pg)) {
-        if (first) PQclear(r);
-        else first.reset(r);
-      }
-    }
-  }
-  ResultPtr sync(sent ? PQgetResult(pg) : nullptr);
-  if (PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC || PQexitPipelineMode(pg) != 1) {
-    SetError(db, nullptr);
-    ORVO_LOG("%s (%d) Lost the connection in a statement (%s)", db->error.c_str());
-    PgClose(db);
-    return nullptr;
-  }
-  if (!Succeeded(results[0].get())) return std::move(results[0]);
-  if (!Succeeded(results[1].get())) Exec(db, "rollback to savepoint orvo_statement");
-  return std::move(results[1]);
-}
-
 }  // namespace
 
 int PgOpen(ORVODB* db, const std::string& uri) {
@@ -252,14 +216,19 @@ int PgRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
   if (write && isWrite && !db->inGroup && DbBeginGroup(db) != 0) return -1;
 
   std::string text(sql);
-  ResultPtr r = db->inGroup ? ExecGuarded(db, text.c_str(), params)
-                            : ResultPtr(PQexecParams(db->pg, text.c_str(),
-                                                     static_cast<int>(params.size()), nullptr,
-                                                     params.data(), nullptr, nullptr, 0));
-  if (db->pg == nullptr) return -1;  // ExecGuarded gave up the connection
+  ResultPtr r(PQexecParams(db->pg, text.c_str(), static_cast<int>(params.size()), nullptr,
+                           params.data(), nullptr, nullptr, 0));
   if (!Succeeded(r.get())) {
     SetError(db, r.get());
-    PgConnectionLost(db);
+    if (!PgConnectionLost(db) && db->inGroup) {
+      // The failure aborted the group's transaction. Statements fail here
+      // only by mistake, so rather than a savepoint around every statement
+      // the group's writes are written again without it: it costs only itself.
+      const std::string error = db->error;
+      db->pipelineFailed.clear();
+      ReplayGroup(db);
+      db->error = error;
+    }
     return -1;
   }
   if (PQresultStatus(r.get()) == PGRES_TUPLES_OK) {
