@@ -148,9 +148,9 @@ int SqliteControl(ORVODB* db, const char* sql);
 
 int PgOpen(ORVODB* db, const std::string& uri);
 void PgClose(ORVODB* db);
-// Runs one statement now, leaving pipeline mode first. Inside a group the
-// statement runs under a savepoint so that its failure does not abort the
-// group. 0 or -1 with db->error.
+// Runs one statement now, leaving pipeline mode first. When it fails inside
+// a group, the group is rolled back and its logged writes are written again
+// without it. 0 or -1 with db->error.
 int PgRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
           ORVODBResult* result, int* changes, bool* isWrite);
 int PgControl(ORVODB* db, const char* sql);
