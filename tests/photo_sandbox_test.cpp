@@ -45,7 +45,8 @@ std::string Albums() { return Rows("select sharename, public from photo_share or
 // #recycle, @eaDir, names without '.' and a link back up skipped. It syncs
 // the albums alike: new ones are public as albumdefpublic says (in any case)
 // and sub-albums take their album's flag; hidden and level-2 folders are no
-// albums. A folder rename then moves the rows of both tables.
+// albums. A folder rename then moves the rows of both tables, and the other
+// commands keep the photo rows in step.
 TEST(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
   for (const char* name : {"Trip/day1/a.jpg", "Trip/b.jpg", "Trip/gone.jpg", "Trip/noext", "Trip/@eaDir/t.jpg",
@@ -74,6 +75,19 @@ TEST(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   ASSERT_TRUE(AppendQueueLine("N:" + kShare + "/Voyage:" + kShare + "/Trip") && SignalDaemon() && WaitForHups(2));
   EXPECT_EQ(PhotoPaths(), kShare + "/Voyage/b.jpg\n" + kShare + "/Voyage/day1/a.jpg");
   EXPECT_EQ(Albums(), "Other|1\nVoyage|0\nVoyage/day1|0\nq'x%_\\|1");
+
+  // The other commands reach the photo database too: a refresh of the share
+  // adds what it finds, a file and a folder go with d and D, a tree comes
+  // with A.
+  Picture("Voyage/c.jpg");
+  ASSERT_TRUE(AppendQueueLine("U:photo") && SignalDaemon() && WaitForHups(3));
+  EXPECT_EQ(PhotoPaths(), kShare + "/Voyage/b.jpg\n" + kShare + "/Voyage/c.jpg\n" + kShare + "/Voyage/day1/a.jpg");
+  fs::remove(kShare + "/Voyage/b.jpg");
+  fs::remove_all(kShare + "/Voyage/day1");
+  Picture("Other/o.jpg");
+  ASSERT_TRUE(AppendQueueLine("d:" + kShare + "/Voyage/b.jpg") && AppendQueueLine("D:" + kShare + "/Voyage/day1") &&
+              AppendQueueLine("A:" + kShare + "/Other") && SignalDaemon() && WaitForHups(4));
+  EXPECT_EQ(PhotoPaths(), kShare + "/Other/o.jpg\n" + kShare + "/Voyage/c.jpg");
   EXPECT_GE(StopDaemon(pid), 0);
 }
 
