@@ -55,7 +55,7 @@ int Floor(const char* path) {
 }
 
 int LibavProbe(const char* path) {
-  QuietAvLog();
+  LoadAv();
   AVFormatContext* ctx = nullptr;
   if (avformat_open_input(&ctx, path, nullptr, nullptr) < 0) return -1;
   int rc = avformat_find_stream_info(ctx, nullptr);
@@ -64,7 +64,7 @@ int LibavProbe(const char* path) {
 }
 
 int LibavMov(const char* path) {
-  QuietAvLog();
+  LoadAv();
   AVFormatContext* ctx = nullptr;
   if (avformat_open_input(&ctx, path, av_find_input_format("mov"), nullptr) < 0) return -1;
   avformat_close_input(&ctx);
@@ -121,7 +121,7 @@ int main(int argc, char** argv) {
     dir = mkdtemp(tmpl);
   }
   orvo::SetLogCapture(Discard, nullptr);
-  QuietAvLog();
+  LoadAv();
 
   const std::string audio = "-f lavfi -i sine=sample_rate=44100:duration=30 -ac 2 ";
   const std::string video = "-f lavfi -i testsrc=duration=30:size=352x240:rate=30000/1001 ";

@@ -23,15 +23,17 @@ int32_t TrackSeconds(const AVStream* st) {
 }
 
 AVFormatContext* OpenMov(const char* path) {
-  const AVInputFormat* mov = av_find_input_format("mov");
+  const AvLibrary* av = LoadAv();
+  if (av == nullptr) return nullptr;
+  const AVInputFormat* mov = av->findInputFormat("mov");
   AVDictionary* options = nullptr;
   // The track's own media duration is what the record stores, edits aside.
-  av_dict_set(&options, "ignore_editlist", "1", 0);
+  av->dictSet(&options, "ignore_editlist", "1", 0);
   // Chapter lists are read by walking the whole file; we never use them.
-  av_dict_set(&options, "ignore_chapters", "1", 0);
+  av->dictSet(&options, "ignore_chapters", "1", 0);
   AVFormatContext* ctx = nullptr;
-  int rc = avformat_open_input(&ctx, path, mov, &options);
-  av_dict_free(&options);
+  int rc = av->openInput(&ctx, path, mov, &options);
+  av->dictFree(&options);
   return rc < 0 ? nullptr : ctx;
 }
 
@@ -42,7 +44,6 @@ void CopyTag(char* field, size_t bound, const char* text) {
 }  // namespace
 
 int ReadMp4Info(const char* path, MediaInfo* info) {
-  QuietAvLog();
   AvInput ctx(OpenMov(path));
   if (!ctx) {
     ORVO_LOG("%s (%d) Failed to parse music metadata.");
@@ -75,7 +76,7 @@ int ReadMp4Info(const char* path, MediaInfo* info) {
   if (video != nullptr && video->codecpar->width == 0) {
     // The demuxer leaves the size of MPEG-4 Visual, H.263 and H.261 tracks to
     // their decoder; only then is the costly stream analysis worth it.
-    avformat_find_stream_info(ctx.get(), nullptr);
+    LoadAv()->findStreamInfo(ctx.get(), nullptr);
   }
   if (video != nullptr) {
     info->duration = static_cast<float>(TrackSeconds(video));

@@ -1,9 +1,12 @@
 #include "meta/metamedia.h"
 
+#include <dlfcn.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -23,16 +26,52 @@ static_assert(AV_CODEC_ID_PCM_MULAW == 0x10006);
 static_assert(AV_CODEC_ID_PCM_ALAW == 0x10007);
 static_assert(AVMEDIA_TYPE_VIDEO == 0 && AVMEDIA_TYPE_AUDIO == 1);
 
-void QuietAvLog() {
+namespace {
+
+// The versions the build's headers describe; the structures we read must
+// match the library's, so no other version is tried.
+std::string SoName(const char* base, int major) { return std::string(base) + ".so." + std::to_string(major); }
+
+template <typename Function>
+bool Resolve(void* library, const char* name, Function& out) {
+  out = reinterpret_cast<Function>(dlsym(library, name));
+  return out != nullptr;
+}
+
+const AvLibrary* Load() {
+  static AvLibrary av;
+  // Never closed: the library stays for the life of the process.
+  void* util = dlopen(SoName("libavutil", LIBAVUTIL_VERSION_MAJOR).c_str(), RTLD_NOW | RTLD_LOCAL);
+  void* format = util ? dlopen(SoName("libavformat", LIBAVFORMAT_VERSION_MAJOR).c_str(), RTLD_NOW | RTLD_LOCAL)
+                      : nullptr;
+  decltype(&av_log_set_level) setLogLevel = nullptr;
+  if (format == nullptr || !Resolve(util, "av_log_set_level", setLogLevel) ||
+      !Resolve(util, "av_dict_get", av.dictGet) || !Resolve(util, "av_dict_set", av.dictSet) ||
+      !Resolve(util, "av_dict_free", av.dictFree) || !Resolve(format, "avformat_open_input", av.openInput) ||
+      !Resolve(format, "avformat_find_stream_info", av.findStreamInfo) ||
+      !Resolve(format, "avformat_close_input", av.closeInput) ||
+      !Resolve(format, "av_find_input_format", av.findInputFormat)) {
+    const char* why = dlerror();
+    ORVO_LOG("%s (%d) Failed to load libavformat (%s)", why ? why : "unknown error");
+    return nullptr;
+  }
   // Demuxers and decoders complain loudly about damaged files; one line per
   // packet would flood syslog. Our own messages say what failed.
-  av_log_set_level(AV_LOG_QUIET);
+  setLogLevel(AV_LOG_QUIET);
+  return &av;
+}
+
+}  // namespace
+
+const AvLibrary* LoadAv() {
+  static const AvLibrary* av = Load();
+  return av;
 }
 
 namespace {
 
 const char* Tag(const AVDictionary* dict, const char* key) {
-  const AVDictionaryEntry* e = av_dict_get(dict, key, nullptr, 0);
+  const AVDictionaryEntry* e = LoadAv()->dictGet(dict, key, nullptr, 0);
   return e != nullptr ? e->value : nullptr;
 }
 
@@ -83,7 +122,8 @@ int ProbeStreams(const char* path, MediaInfo* info, ProbeMode mode) {
   AVFormatContext* raw = nullptr;
   // Registration happens inside libavformat since its demuxers became a
   // static table; there is nothing left to call before opening a file.
-  if (avformat_open_input(&raw, path, nullptr, nullptr) < 0) {
+  const AvLibrary* av = LoadAv();
+  if (av == nullptr || av->openInput(&raw, path, nullptr, nullptr) < 0) {
     ORVO_LOG("%s (%d) Failed to av_open_input_file() file [%s].", path);
     return -1;
   }
@@ -94,7 +134,7 @@ int ProbeStreams(const char* path, MediaInfo* info, ProbeMode mode) {
   // analysis durations or frame-rate probes each changed stored durations or
   // bit rates (ADTS and FLV files estimate them from what was read).
   if (mode == ProbeMode::kTuned && OnlyPcm(ctx.get())) ctx->probesize = 32768;
-  if (avformat_find_stream_info(ctx.get(), nullptr) < 0) {
+  if (av->findStreamInfo(ctx.get(), nullptr) < 0) {
     ORVO_LOG("%s (%d) Could not find codec parameters.  %s", path);
     return -1;
   }
@@ -162,7 +202,6 @@ ContainerTags GetContainerTags(const AVFormatContext* ctx) {
 }
 
 int ReadMediaInfo(const char* path, MediaInfo* info, ProbeMode mode) {
-  QuietAvLog();
   if (ProbeStreams(path, info, mode) < 0) {
     ORVO_LOG("%s (%d) Failed to get Misc Media Info from [%s].", path);
     return -1;

@@ -23,14 +23,31 @@ enum class ProbeMode {
 // stay in the record.
 int ReadMediaInfo(const char* path, MediaInfo* info, ProbeMode mode = ProbeMode::kTuned);
 
-// Owner of an opened input: closes it with avformat_close_input.
+// The libavformat entry points we call. The library is loaded when the
+// first file needs it, not linked: linking it made every start of the daemon
+// map and relocate the 140-odd libraries it brings in, though most runs (MP3
+// shares, pictures, playlists) never call it.
+struct AvLibrary {
+  decltype(&avformat_open_input) openInput;
+  decltype(&avformat_find_stream_info) findStreamInfo;
+  decltype(&avformat_close_input) closeInput;
+  decltype(&av_find_input_format) findInputFormat;
+  decltype(&av_dict_get) dictGet;
+  decltype(&av_dict_set) dictSet;
+  decltype(&av_dict_free) dictFree;
+};
+
+// Loads the library once, with its own messages kept out of syslog. Null,
+// logged the first time, when it cannot be loaded: every file then counts
+// as one libavformat cannot open.
+const AvLibrary* LoadAv();
+
+// Owner of an opened input: closes it with avformat_close_input. Only an
+// input opened through LoadAv() exists, so the library is there.
 struct AvInputCloser {
-  void operator()(AVFormatContext* ctx) const { avformat_close_input(&ctx); }
+  void operator()(AVFormatContext* ctx) const { LoadAv()->closeInput(&ctx); }
 };
 using AvInput = std::unique_ptr<AVFormatContext, AvInputCloser>;
-
-// Keeps libavformat's own messages out of syslog; cheap to call every time.
-void QuietAvLog();
 
 // The container's tags as the record takes them: the format context's
 // metadata, or the first audio stream's when the container carries none of
