@@ -1,8 +1,6 @@
 // The orvoindex client driving the real daemon in the appliance sandbox.
 #include <sys/wait.h>
 
-#include <filesystem>
-
 #include "daemon_sandbox_env.h"
 
 namespace {
@@ -15,7 +13,7 @@ class ClientDrivesDaemon : public DaemonSandboxTest {};
 
 TEST_F(ClientDrivesDaemon, QueuedTreeIsIndexedAfterOneCall) {
   StartIdle();
-  std::filesystem::create_directories("/volume1/music/a/b");
+  fs::create_directories("/volume1/music/a/b");
   CommandResult add = RunCommand({kClient, "add-tree", "/volume1/music/a"});
   EXPECT_TRUE(WIFEXITED(add.status) && WEXITSTATUS(add.status) == 0) << add.output;
   ASSERT_TRUE(WaitForHups(2));

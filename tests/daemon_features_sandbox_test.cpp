@@ -1,5 +1,4 @@
-// The two feature switches read at start-up, seen through what the daemon
-// does to the photo database for a picture in the photo share.
+// The feature switches read at start-up, seen through the photo database rows of a queued picture.
 #include "daemon_sandbox_env.h"
 
 namespace {
@@ -8,14 +7,13 @@ using namespace orvo::test;
 
 class FeatureSwitches : public DaemonSandboxTest {
  protected:
-  // Starts the daemon on this configuration with the picture queued; returns
-  // its photo_image row count (no photo database file counts as none).
+  // The photo_image rows (no database file: none) after a start on `config` with a picture queued.
   size_t PhotoRowsWith(const std::string& config) {
     const char* cmd = "ffmpeg -loglevel error -y -f lavfi -i color=red:s=16x16 -frames:v 1 /volume1/photo/p.jpg </dev/null";
     EXPECT_EQ(system(cmd), 0);
     std::ofstream("/etc.defaults/orvoinfo.conf") << config;
     std::ofstream(kQueueFile) << "a:/volume1/photo/p.jpg\n";
-    pid_ = StartDaemon(FastDaemonClock());
+    pid_ = StartDaemon(kFastClock);
     EXPECT_TRUE(pid_ > 0 && WaitForHups(1));
     EXPECT_EQ(QuerySqlite(kMediaDbFile, "select path from photo").size(), 1u);
     auto rows = QuerySqlite(kPhotoDbFile, "select path from photo_image");
@@ -31,8 +29,7 @@ TEST_F(FeatureSwitches, PhotoSwitchOffKeepsToTheMediaDatabase) {
   EXPECT_EQ(PhotoRowsWith("supportcinedock=yes\nsupportphoto=no\n"), 0u);
 }
 
-// Both keys are read into one buffer that is not cleared in between, so a
-// missing supportphoto takes the supportcinedock value.
+// Deliberate: both keys share one uncleared buffer, so a missing supportphoto takes supportcinedock's value.
 TEST_F(FeatureSwitches, MissingPhotoKeyTakesTheFirstKeysValue) {
   EXPECT_EQ(PhotoRowsWith("supportcinedock=yes\n"), 1u);
   EXPECT_EQ(SandboxLogCount("Can't get key value. key=supportphoto"), 1);

@@ -1,24 +1,18 @@
-// The real daemon in the appliance sandbox: one instance only, the pid file,
-// SIGTERM, the leftover batch at start, and the debounced queue runs.
+// The real daemon: one instance, the pid file, SIGTERM, the leftover batch at start, debounced runs.
 #include <sys/wait.h>
-
-#include <filesystem>
-#include <thread>
 
 #include "daemon_sandbox_env.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace orvo::test;
 
 const std::string kDaemonBinary = std::string(ORVO_BINARY_DIR) + "/orvoindexd";
-constexpr char kBatchFile[] = "/var/spool/orvo_indexing_queue.tmp";
 
 class DaemonLifecycle : public DaemonSandboxTest {};
 
 TEST_F(DaemonLifecycle, OneInstanceAPidFileGoneWithSigtermAndAStaleOneIgnored) {
-  pid_ = StartDaemon(FastDaemonClock());
+  pid_ = StartDaemon(kFastClock);
   ASSERT_GT(pid_, 0);
   CommandResult second = RunCommand({kDaemonBinary});
   EXPECT_TRUE(WIFEXITED(second.status) && WEXITSTATUS(second.status) == 1) << second.status;
@@ -32,8 +26,7 @@ TEST_F(DaemonLifecycle, OneInstanceAPidFileGoneWithSigtermAndAStaleOneIgnored) {
   std::ofstream(kDaemonPidFile) << 99999999;  // above the kernel's pid limit: cannot be alive
   CommandResult start = RunCommand({kDaemonBinary});
   EXPECT_TRUE(WIFEXITED(start.status) && WEXITSTATUS(start.status) == 0) << start.output;
-  // The parent returns at daemon(); the child writes its pid file a moment
-  // later, so wait while the file is still empty (0) or still the stale pid.
+  // The child of daemon() writes its pid a moment later: wait while the file is empty or stale.
   for (int i = 0; i < 500 && atoi(ReadFile(kDaemonPidFile).c_str()) % 99999999 == 0; ++i)
     std::this_thread::sleep_for(10ms);
   pid_ = atoi(ReadFile(kDaemonPidFile).c_str());
@@ -43,7 +36,7 @@ TEST_F(DaemonLifecycle, OneInstanceAPidFileGoneWithSigtermAndAStaleOneIgnored) {
 TEST_F(DaemonLifecycle, LeftoverBatchRunsBeforeTheQueueAtStart) {
   std::ofstream(kBatchFile) << "x:left over\n";
   ASSERT_TRUE(AppendQueueLine("x:queued"));
-  pid_ = StartDaemon(FastDaemonClock());
+  pid_ = StartDaemon(kFastClock);
   ASSERT_GT(pid_, 0);
   // Two runs back to back may reach the stand-in as one SIGHUP; the log tells them apart.
   ASSERT_TRUE(WaitForLog("Bad format [x:queued]."));
@@ -70,23 +63,17 @@ TEST_F(DaemonLifecycle, NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne) {
   EXPECT_EQ(SandboxLogCount("Bad format [x:once]."), 1);
 }
 
-// SIGTERM in the middle of a run leaves the batch, which the next start runs:
-// nothing queued is lost.
+// SIGTERM in the middle of a run leaves the batch for the next start: nothing queued is lost.
 TEST_F(DaemonLifecycle, BatchCutShortBySigtermRunsAtNextStart) {
   StartIdle();
-  {
-    std::ofstream queue(kQueueFile);
-    for (int i = 0; i < 20000; ++i) queue << "x:line " << i << "\n";
-  }
-  ASSERT_TRUE(SignalDaemon());
-  while (!fs::exists(kBatchFile) && SandboxHupCount() < 2) std::this_thread::sleep_for(1ms);
+  StartLongRun("line");
   const int status = StopDaemon(pid_);
   pid_ = -1;
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_EQ(SandboxHupCount(), 1);
   ASSERT_TRUE(fs::exists(kBatchFile));
 
-  pid_ = StartDaemon(FastDaemonClock());
+  pid_ = StartDaemon(kFastClock);
   ASSERT_GT(pid_, 0);
   ASSERT_TRUE(WaitForHups(2));
   EXPECT_GE(SandboxLogCount("Bad format [x:line 19999]."), 1);

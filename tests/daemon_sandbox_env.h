@@ -3,25 +3,16 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
+#include <thread>
 
 #include "support/sandbox.h"
 
 namespace orvo::test {
 
-// The sandbox's fast clock, plus what a sanitizer build of the daemon needs
-// to accept the clock library preloaded ahead of its own runtime.
-inline std::vector<std::string> FastDaemonClock() {
-  std::vector<std::string> env = kFastClock;
-  const char* asan = getenv("ASAN_OPTIONS");
-  std::string options = asan != nullptr && *asan != '\0' ? std::string(asan) + ":" : std::string();
-  env.push_back("ASAN_OPTIONS=" + options + "verify_asan_link_order=0");
-  return env;
-}
+namespace fs = std::filesystem;
 
 inline std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -37,13 +28,21 @@ class DaemonSandboxTest : public ::testing::Test {
   void TearDown() override {
     if (pid_ > 0) StopDaemon(pid_);
   }
-  // Starts the daemon with an empty queue, whose start-up run (one SIGHUP)
-  // shows that start-up is over: lines queued later wait for a signal.
+  // The start-up run of an empty queue (one SIGHUP) ends start-up: later lines wait for a signal.
   void StartIdle() {
     std::ofstream(kQueueFile).flush();
-    pid_ = StartDaemon(FastDaemonClock());
+    pid_ = StartDaemon(kFastClock);
     ASSERT_GT(pid_, 0);
     ASSERT_TRUE(WaitForHups(1));
+  }
+  // Queues 20000 bad lines ("x:<prefix> <n>"), signals, and returns once their run has begun.
+  void StartLongRun(const std::string& prefix) {
+    std::ofstream queue(kQueueFile);
+    for (int i = 0; i < 20000; ++i) queue << "x:" << prefix << " " << i << "\n";
+    queue.close();
+    int hups = SandboxHupCount();
+    ASSERT_TRUE(SignalDaemon());
+    while (!fs::exists(kBatchFile) && SandboxHupCount() == hups) std::this_thread::sleep_for(1ms);
   }
   pid_t pid_ = -1;
 };

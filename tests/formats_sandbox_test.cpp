@@ -1,17 +1,12 @@
-// One queue run adding a folder that holds a file of every audio, video and
-// playlist extension: each lands in the table of its handler, with the values
-// its reader gives.
+// A file of every audio, video and playlist extension lands in its handler's table, with its values.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 
+#include "daemon_sandbox_env.h"
 #include "formats_testutil.h"
-#include "support/sandbox.h"
 
 namespace {
 
@@ -27,14 +22,10 @@ std::set<std::string> Names(const char* table) {
   return names;
 }
 
-TEST(FormatsSandbox, EveryExtensionLandsInItsTable) {
-  if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
-  std::ofstream(kQueueFile).flush();
-  pid_t pid = StartDaemon(kFastClock);
-  ASSERT_GT(pid, 0);
-  struct Stop { pid_t pid; ~Stop() { StopDaemon(pid); } } stop{pid};
-  ASSERT_TRUE(WaitForHups(1));
+using FormatsSandbox = DaemonSandboxTest;
 
+TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
+  StartIdle();
   const std::string sine = "-f lavfi -i sine=sample_rate=44100:duration=2 ";
   TempDir tmp;
   fs::create_directories(kFolder);

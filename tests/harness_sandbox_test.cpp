@@ -1,11 +1,9 @@
-// The integration-test helpers, run where they are meant to run: inside the
-// appliance sandbox.
+// The integration-test helpers, inside the appliance sandbox.
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <csignal>
 #include <fstream>
-#include <string>
-#include <syslog.h>
 
 #include "support/sandbox.h"
 
@@ -18,8 +16,7 @@ TEST(Harness, ListenerReceivesEverySyslogMessageBeforeTheCountReturns) {
   openlog("harness", LOG_PID, LOG_DAEMON);
   syslog(LOG_ERR, "%s (%d) first message with 100%% of a %s", "harness.cpp", 12, "path");
   syslog(LOG_ERR, "second message\nwith a line break");
-  // Counted at once, without waiting: the helpers see every message sent
-  // before the call, one line per message.
+  // Counted at once: every message sent before the call is seen, one line each.
   EXPECT_EQ(SandboxLogCount("harness.cpp (12) first message with 100% of a path"), 1);
   EXPECT_EQ(SandboxLogCount("second message with a line break"), 1);
   for (int i = 0; i < 20; ++i) {

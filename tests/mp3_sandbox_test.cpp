@@ -1,13 +1,6 @@
-// The daemon in the appliance sandbox: an "a:" queue line on an MP3 ends as
-// its music row; "d:" removes the row only once the file is gone.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <string>
-
+// Through the daemon, "a:" on an MP3 makes its music row; "d:" removes it once the file is gone.
+#include "daemon_sandbox_env.h"
 #include "mp3_test_bytes.h"
-#include "support/sandbox.h"
 
 namespace {
 
@@ -15,18 +8,15 @@ using namespace orvo::test;
 using namespace mp3test;
 using Rows = std::vector<std::vector<std::string>>;
 
-TEST(Mp3Sandbox, AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
-  if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
-  std::ofstream(kQueueFile).flush();
-  pid_t pid = StartDaemon(kFastClock);
-  ASSERT_GT(pid, 0);
-  struct Stop { pid_t pid; ~Stop() { StopDaemon(pid); } } stop{pid};
-  ASSERT_TRUE(WaitForHups(1));
+using Mp3Sandbox = DaemonSandboxTest;
+
+TEST_F(Mp3Sandbox, AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
+  StartIdle();
   auto run = [](const std::string& line, int hups) {
     return AppendQueueLine(line) && SignalDaemon() && WaitForHups(hups);
   };
   const std::string folder = "/volume1/music/Road Trip", song = folder + "/01 Opening.mp3";
-  std::filesystem::create_directories(folder);
+  fs::create_directories(folder);
   std::ofstream(song, std::ios::binary) << Id3v2(4, Frame24("TIT2", std::string("\x01\xFF\xFEO\0k\0", 7)) + Frame24("TPE1", Text("Caf\xE9")) +
                                                         Frame24("TCON", Text("(17)")) + Frame24("TRCK", Text("1/9")))
                                         << XingStream(500, 40);
@@ -39,7 +29,7 @@ TEST(Mp3Sandbox, AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
   EXPECT_TRUE(run("d:" + song, 3));
   EXPECT_GE(SandboxLogCount("File exists. Skip remove it from database."), 1);
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select count(*) from music"), (Rows{{"1"}}));
-  std::filesystem::remove(song);
+  fs::remove(song);
   EXPECT_TRUE(run("d:" + song, 4));
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select count(*) from music"), (Rows{{"0"}}));
 }

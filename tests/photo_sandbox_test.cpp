@@ -1,22 +1,11 @@
 // The photo share through the daemon's queue, inside the appliance sandbox.
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
-
+#include "daemon_sandbox_env.h"
 #include "photo/photo_index.h"
 #include "photo/photo_share.h"
 #include "platform/orvodb.h"
-#include "support/sandbox.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace orvo::test;
 
 const std::string kShare = "/volume1/photo";
@@ -40,15 +29,13 @@ std::string Rows(const std::string& sql) {
 std::string PhotoPaths() { return Rows("select path from photo_image order by path"); }
 std::string Albums() { return Rows("select sharename, public from photo_share order by sharename"); }
 
-// End to end through the daemon. R:photo sweeps the photo rows: new pictures
-// are added (and only they sent for thumbnails), vanished ones dropped, and
-// #recycle, @eaDir, names without '.' and a link back up skipped. It syncs
-// the albums alike: new ones are public as albumdefpublic says (in any case)
-// and sub-albums take their album's flag; hidden and level-2 folders are no
-// albums. A folder rename then moves the rows of both tables, and the other
-// commands keep the photo rows in step.
-TEST(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
-  if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+// R:photo adds new pictures (only they go for thumbnails), drops vanished ones
+// and skips #recycle, @eaDir, names without '.' and a link back up; new albums
+// follow albumdefpublic (any case), sub-albums their album; hidden and level-2
+// folders are no albums. Then N, U, d, D and A keep both tables in step.
+using PhotoShareInSandbox = DaemonSandboxTest;
+
+TEST_F(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   for (const char* name : {"Trip/day1/a.jpg", "Trip/b.jpg", "Trip/gone.jpg", "Trip/noext", "Trip/@eaDir/t.jpg",
                            "#recycle/r.jpg"}) {
     Picture(name);
@@ -60,25 +47,18 @@ TEST(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   fs::remove(kShare + "/Trip/gone.jpg");
   ORVODBCloseAll();
   std::ofstream("/etc/orvoinfo.conf") << "albumdefpublic=YES\n";
-  // The fast clock is preloaded ahead of a sanitizer runtime; let it be.
-  std::vector<std::string> env = kFastClock;
-  env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-  pid_t pid = StartDaemon(env);
-  ASSERT_GT(pid, 0);
+  pid_ = StartDaemon(kFastClock);
+  ASSERT_GT(pid_, 0);
   ASSERT_TRUE(AppendQueueLine("R:photo") && SignalDaemon() && WaitForHups(1));
   EXPECT_EQ(PhotoPaths(), kShare + "/Trip/b.jpg\n" + kShare + "/Trip/day1/a.jpg");
   EXPECT_EQ(Albums(), "Other|1\nTrip|0\nTrip/day1|0\nq'x%_\\|1");
-  std::ifstream queue("/var/spool/orvo_thumb_queue");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(queue), {}), "3:" + kShare + "/Trip/day1/a.jpg\n");
+  EXPECT_EQ(ReadFile("/var/spool/orvo_thumb_queue"), "3:" + kShare + "/Trip/day1/a.jpg\n");
 
   fs::rename(kShare + "/Trip", kShare + "/Voyage");
   ASSERT_TRUE(AppendQueueLine("N:" + kShare + "/Voyage:" + kShare + "/Trip") && SignalDaemon() && WaitForHups(2));
   EXPECT_EQ(PhotoPaths(), kShare + "/Voyage/b.jpg\n" + kShare + "/Voyage/day1/a.jpg");
   EXPECT_EQ(Albums(), "Other|1\nVoyage|0\nVoyage/day1|0\nq'x%_\\|1");
 
-  // The other commands reach the photo database too: a refresh of the share
-  // adds what it finds, a file and a folder go with d and D, a tree comes
-  // with A.
   Picture("Voyage/c.jpg");
   ASSERT_TRUE(AppendQueueLine("U:photo") && SignalDaemon() && WaitForHups(3));
   EXPECT_EQ(PhotoPaths(), kShare + "/Voyage/b.jpg\n" + kShare + "/Voyage/c.jpg\n" + kShare + "/Voyage/day1/a.jpg");
@@ -88,7 +68,6 @@ TEST(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   ASSERT_TRUE(AppendQueueLine("d:" + kShare + "/Voyage/b.jpg") && AppendQueueLine("D:" + kShare + "/Voyage/day1") &&
               AppendQueueLine("A:" + kShare + "/Other") && SignalDaemon() && WaitForHups(4));
   EXPECT_EQ(PhotoPaths(), kShare + "/Other/o.jpg\n" + kShare + "/Voyage/c.jpg");
-  EXPECT_GE(StopDaemon(pid), 0);
 }
 
 }  // namespace

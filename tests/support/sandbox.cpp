@@ -53,8 +53,7 @@ bool HasVariable(const std::vector<std::string>& env, std::string_view name) {
 
 // The current environment with `extra` ("NAME=value") added or replacing.
 std::vector<std::string> MergedEnvironment(std::vector<std::string> extra) {
-  // A preloaded library (the fast clock) lands ahead of a sanitizer runtime,
-  // which ASan refuses unless told that this order is fine.
+  // ASan refuses a preloaded library (the fast clock) ahead of its runtime unless told it is fine.
   if (HasVariable(extra, "LD_PRELOAD") && !HasVariable(extra, "ASAN_OPTIONS")) {
     std::string options = EnvOr("ASAN_OPTIONS", "");
     extra.push_back("ASAN_OPTIONS=" + (options.empty() ? "" : options + ":") + "verify_asan_link_order=0");
@@ -75,8 +74,7 @@ std::vector<char*> Pointers(std::vector<std::string>& strings) {
   return p;
 }
 
-// Forks and runs args[0] (looked up in PATH) with `extraEnv` added; standard
-// output and error go to `outFd` and input comes from /dev/null when given.
+// Forks and runs args[0] (from PATH) with `extraEnv`; output to `outFd`, input /dev/null, when given.
 pid_t Spawn(std::vector<std::string> args, const std::vector<std::string>& extraEnv, int outFd = -1) {
   std::vector<std::string> env = MergedEnvironment(extraEnv);
   pid_t child = fork();
@@ -105,9 +103,7 @@ int CountIn(const std::vector<std::string>& lines, std::string_view text) {
   return std::count_if(lines.begin(), lines.end(), [&](const auto& l) { return l.find(text) != std::string::npos; });
 }
 
-// The listener writes what it receives a moment later. One socket queues
-// all senders' messages in order, so once a marker sent now is in the file,
-// so is every message sent before it, by any process.
+// One socket queues every sender's messages in order: once a marker sent now is in the file, so is all before it.
 void SyncLog() {
   static int sequence = 0;
   std::string marker = std::string(kSyncMarker) + std::to_string(getpid()) + "." + std::to_string(++sequence);
@@ -115,8 +111,7 @@ void SyncLog() {
   PollUntil(5s, [&] { return CountIn(ReadLogFile(true), marker) > 0; }, 1ms);
 }
 
-// True once `pid` has a handler for `signo`: the daemon writes its pid file
-// before it installs its handlers, and a SIGUSR1 in between would kill it.
+// The daemon writes its pid file before it installs its handlers; a SIGUSR1 in between would kill it.
 bool CatchesSignal(pid_t pid, int signo) {
   std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   for (std::string line; std::getline(status, line);)
@@ -159,8 +154,7 @@ bool ProcessAlive(pid_t pid) {
 }
 
 pid_t StartDaemon(const std::vector<std::string>& extraEnv, std::chrono::milliseconds timeout) {
-  // The daemon forks itself away from its parent; as sub-reaper the test
-  // inherits it and can wait for its exit status.
+  // As sub-reaper the test inherits the daemon that forks itself away, and can wait for it.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   unlink(kDaemonPidFile);
   pid_t child = Spawn({std::string(ORVO_BINARY_DIR) + "/orvoindexd"}, extraEnv);
