@@ -1,14 +1,6 @@
 // The AIFF reader on headers built byte by byte, and the AIFF record filler.
-#include <gtest/gtest.h>
-
-#include <cstring>
-
 #include "formats_testutil.h"
-#include "handlers/formats.h"
-#include "handlers/handlers.h"
 #include "meta/aiff_reader.h"
-#include "platform/media_info.h"
-#include "support/log_capture.h"
 
 using namespace formats_test;
 
@@ -35,12 +27,8 @@ std::string Form(const std::string& type, const std::string& chunks) {
 // The record filled from `bytes` written to `relative` in a scratch folder.
 MediaInfo Fill(const std::string& relative, const std::string& bytes) {
   TempDir dir;
-  std::string path = dir.File(relative);
-  WriteBytes(path, bytes);
-  MediaInfo info;
-  memset(&info, 0xAB, sizeof info);
-  EXPECT_EQ(FillAiffRecord(path.c_str(), &info), 0) << relative;
-  return info;
+  WriteBytes(dir.File(relative), bytes);
+  return Filled(FillAiffRecord, dir.File(relative));
 }
 
 // The bits per sample the reader reports, or -1 when it refuses the bytes.

@@ -1,15 +1,5 @@
-// The client's command line: each subcommand queues its line, and anything
-// the daemon would misread queues nothing.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
-
+// The client's command line: each subcommand queues its line; what the daemon would misread, nothing.
+#include "formats_testutil.h"
 #include "tools/client.h"
 
 namespace {
@@ -56,20 +46,16 @@ TEST(ClientArgumentChecks, BadArgumentsQueueNothing) {
   EXPECT_EQ(Parse({"add", tooLong.substr(0, tooLong.size() - 1).c_str()}).action, ClientAction::kQueue);
 }
 
-// Our own pid: alive, but not the daemon. SIGUSR1 would end this test. The
-// line stays queued for the daemon's next start.
+// Our own pid is alive but no daemon (SIGUSR1 would end this test); the line stays queued.
 TEST(ClientRun, StalePidOfAnotherProgramIsNotSignalled) {
-  const std::filesystem::path dir = testing::TempDir() + "client_run_" + std::to_string(getpid());
-  std::filesystem::create_directories(dir);
-  const std::string queue = dir / "queue", batch = dir / "queue.tmp", pid = dir / "daemon.pid";
+  formats_test::TempDir dir;
+  const std::string queue = dir.File("queue"), batch = dir.File("queue.tmp"), pid = dir.File("daemon.pid");
   std::ofstream(pid) << getpid();
   FILE* null = fopen("/dev/null", "w");
   const char* argv[] = {"orvoindex", "add", "/volume1/music/a.mp3"};
   EXPECT_EQ(RunClient(3, argv, ClientPaths{queue.c_str(), batch.c_str(), pid.c_str()}, null, null), kExitNoDaemon);
   fclose(null);
-  std::ifstream in(queue);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "a:/volume1/music/a.mp3\n");
-  std::filesystem::remove_all(dir);
+  EXPECT_EQ(formats_test::ReadBytes(queue), "a:/volume1/music/a.mp3\n");
 }
 
 }  // namespace

@@ -1,25 +1,12 @@
-// ReadExifInfo on real camera files (against what independent tools report
-// in the corpus reference) and on JPEGs written here with exiftool.
-
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
+// ReadExifInfo on camera files (against the corpus reference) and on JPEGs written with exiftool.
 #include <map>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
 
+#include "formats_testutil.h"
 #include "meta/exif.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
+namespace fs = std::filesystem;
 std::string CorpusDir() { return std::string(ORVO_CORPUS_DIR) + "/pictures"; }
 
 // Every read must succeed with each text ending inside its field.
@@ -38,8 +25,7 @@ PhotoInfo ReadFile(const std::string& path) {
 const char* const kTags[] = {"Make", "IFD1_Make", "Model", "IFD1_Model", "DateTimeOriginal", "DateTimeDigitized",
                              "DateTime", "ISOSpeedRatings", "PixelXDimension", "PixelYDimension", "ExposureTime", "FNumber"};
 
-// The kTags values ("" when absent) of every JPEG the reference tools read
-// without complaint, read from the JSON by the perl that exiftool runs on.
+// The kTags values ("" when absent) of every JPEG the tools read cleanly, from the JSON through perl.
 std::vector<std::map<std::string, std::string>> ReferenceJpegs() {
   std::string command =
       "perl -MJSON::PP -e 'binmode STDOUT, q(:utf8); local $/; my $files = decode_json(<STDIN>)->{files};"
@@ -65,8 +51,7 @@ std::string TrimRight(std::string text) {
   return text;
 }
 
-// Each camera field as the reference tools read it; the date taken is the
-// original, else the digitised one, else DateTime; IFD1's Make and Model win.
+// The date taken is the original, else the digitised one, else DateTime; IFD1's Make and Model win.
 TEST(ExifCorpus, CameraFilesAgreeWithReference) {
   if (!fs::is_directory(CorpusDir())) GTEST_SKIP() << "corpus not present at " << ORVO_CORPUS_DIR;
   int compared = 0;
@@ -124,8 +109,7 @@ TEST(ExifWritten, LaterIfdOverwritesEarlier) {
   EXPECT_STREQ(Written("-IFD0:Make=Alpha -IFD1:Make=Beta").make, "Beta");
 }
 
-// Long texts are cut inside their fields without touching the next one; a
-// number is atoi of the rendered text, so a list gives its first value.
+// Long texts are cut inside their fields; a number is atoi of the text, so a list gives its first.
 TEST(ExifWritten, LongTextsStayInsideFieldsAndListsGiveFirstNumber) {
   PhotoInfo info = Written("-Make=" + std::string(120, 'K') + " -Model=Tiny -ISO='100, 200' -ExposureTime=1/250 -FNumber=2.8");
   EXPECT_EQ(std::string(info.make), std::string(sizeof info.make - 1, 'K'));

@@ -1,14 +1,7 @@
-// FLAC stream information and Vorbis comments on headers built byte by byte
-// (the metadata reader needs no audio frames).
-#include <gtest/gtest.h>
+// FLAC stream information and Vorbis comments on headers built byte by byte (no audio frames needed).
 #include <unistd.h>
 
-#include <cstring>
-
 #include "formats_testutil.h"
-#include "handlers/formats.h"
-#include "platform/media_info.h"
-#include "support/log_capture.h"
 
 using namespace formats_test;
 
@@ -28,16 +21,12 @@ std::string FlacHeader(uint32_t rate, int channels, uint64_t samples, const std:
   return b + "\x84" + Be(body.size(), 3) + body;
 }
 
-// The record filled from `bytes` written to `relative`, the file then made
-// `size` bytes long (sparse: only the size counts).
+// The record of `bytes` written to `relative`, the file then made `size` bytes long (sparse).
 MediaInfo Fill(const TempDir& dir, const std::string& relative, const std::string& bytes, off_t size = 0) {
   std::string path = dir.File(relative);
   WriteBytes(path, bytes);
   EXPECT_EQ(size > 0 ? truncate(path.c_str(), size) : 0, 0);
-  MediaInfo info;
-  memset(&info, 0xAB, sizeof info);
-  EXPECT_EQ(FillFlacRecord(path.c_str(), &info), 0) << path;
-  return info;
+  return Filled(FillFlacRecord, path);
 }
 
 TEST(FlacComments, KeysMatchIgnoringCaseAndEmptyValuesAreSkipped) {

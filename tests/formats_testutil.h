@@ -1,19 +1,18 @@
-// Helpers shared by the format tests: a scratch folder, test media made with
-// ffmpeg, and the corpus's reference.json.
+// Helpers shared by the format tests: a scratch folder, ffmpeg-made media, the corpus's reference.json.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
+
+#include "handlers/formats.h"
+#include "handlers/handlers.h"
+#include "support/log_capture.h"
 
 namespace formats_test {
 
@@ -64,6 +63,14 @@ inline bool Ffmpeg(const std::string& args) {
   return std::system(("ffmpeg -nostdin -hide_banner -loglevel error -y " + args + " >/dev/null 2>&1").c_str()) == 0;
 }
 
+// The record `fill` makes of `path`, from a garbage-filled start so that a field it leaves unset shows.
+inline MediaInfo Filled(int (*fill)(const char*, MediaInfo*), const std::string& path) {
+  MediaInfo info;
+  memset(&info, 0xAB, sizeof info);
+  EXPECT_EQ(fill(path.c_str(), &info), 0) << path;
+  return info;
+}
+
 inline bool HaveFfmpeg() { return std::system("ffmpeg -version >/dev/null 2>&1") == 0; }
 
 #define REQUIRE_FFMPEG() \
@@ -81,8 +88,7 @@ inline std::vector<std::string> CorpusFiles(const std::string& folder) {
   return files;
 }
 
-// reference.json's object for a corpus file ("flac/foo.flac"), as text from
-// its key to the next file's key; "" when absent.
+// reference.json's object for a corpus file ("flac/foo.flac") as text up to the next file's key, or "".
 inline std::string Reference(const std::string& relative) {
   static const std::string json = [] {
     std::stringstream text;
@@ -94,9 +100,8 @@ inline std::string Reference(const std::string& relative) {
   return json.substr(at, json.find("\n  \"", at + 4) - at);
 }
 
-// The "value" (or what `tool` reported) of the object reached by following
-// `keys` in a file's reference text; "" when absent, null or escaped, and with
-// `agreed` also when the tools disagree.
+// The "value" (or `tool`'s) of the object at `keys` in a file's reference text; "" when absent, null or
+// escaped, and with `agreed` also when the tools disagree.
 inline std::string RefText(const std::string& entry, std::initializer_list<const char*> keys,
                            const std::string& tool = "value", bool agreed = false) {
   size_t at = 0;
@@ -114,8 +119,7 @@ inline std::string RefText(const std::string& entry, std::initializer_list<const
   return token[0] == '"' ? token.substr(1, token.size() - 2) : token;
 }
 
-// A field's number where the tools agree on it (or only one reported it), or
-// what `tool` reported; NaN when missing or not a number.
+// A field's number where the tools agree (or one reported it), or `tool`'s; NaN when missing.
 inline double Agreed(const std::string& entry, const char* field, const std::string& tool = "value") {
   std::string text = RefText(entry, {field}, tool, tool == "value");
   char* end = nullptr;

@@ -1,19 +1,15 @@
-#include <gtest/gtest.h>
+// Picture sizes from the header bytes of each format, from files and from the corpus.
+#include <sys/stat.h>
 
 #include <array>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <sys/stat.h>
-#include <vector>
 
 #include "formats_testutil.h"
 #include "platform/image_size.h"
 #include "platform/media_db.h"
 
-namespace fs = std::filesystem;
-
 namespace {
+
+using namespace formats_test;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -30,8 +26,7 @@ Bytes Head(const Bytes& b, size_t n) { return Bytes(b.begin(), b.begin() + n); }
 Bytes NoSoi(const Bytes& b) { return Bytes(b.begin() + 2, b.end()); }
 Bytes With(Bytes b, size_t at, uint8_t v) { return b[at] = v, b; }
 
-// SOI, an APP1 of `appBytes` marker look-alikes (where a camera puts EXIF and
-// a thumbnail), a quantisation table, the frame header `sof`, start of scan.
+// SOI, an APP1 of `appBytes` marker look-alikes, a quantisation table, frame header `sof`, start of scan.
 Bytes Jpeg(int width, int height, size_t appBytes = 16, int sof = 0xC0) {
   Bytes b = {0xFF, 0xD8, 0xFF, 0xE1};
   Be16(b, static_cast<unsigned>(appBytes + 2));
@@ -66,8 +61,7 @@ Bytes Ico(int count, int w, int h) {
   b[22] = b[23] = 48;
   return b;
 }
-// A first directory at `ifd` with a leading entry of another tag, then
-// `entries` (tag, type, value).
+// A first directory at `ifd`: an entry of another tag, then `entries` (tag, type, value).
 Bytes Tiff(bool little, std::vector<std::array<uint32_t, 3>> entries, uint32_t ifd = 8) {
   Bytes b;
   auto u16 = [&](unsigned v) { little ? Le16(b, v) : Be16(b, v); };
@@ -157,7 +151,7 @@ TEST(ImageSize, EachFormatAndItsTrickyLayouts) {
 }
 
 TEST(ImgResGetOnFiles, ReadsPastTheFirstWindowAndFailsOnOddPathsWithoutHanging) {
-  formats_test::TempDir dir;
+  TempDir dir;
   Bytes big = Jpeg(4000, 3000, 40000);  // the frame lies past several read windows
   std::ofstream(dir.File("big exif.JPG"), std::ios::binary).write(reinterpret_cast<const char*>(big.data()), big.size());
   std::ofstream(dir.File("empty.png")).flush();
@@ -172,15 +166,14 @@ TEST(ImgResGetOnFiles, ReadsPastTheFirstWindowAndFailsOnOddPathsWithoutHanging) 
   EXPECT_EQ(w + h, -14) << "a failure wrote a size";
 }
 
-// Every corpus picture, damaged ones included, is read without a crash; the
-// ones the reference tools size must get the same size from us.
+// Every corpus picture, damaged ones too, reads without a crash, and as the tools size it where they do.
 TEST(ImgResGetOnCorpus, MatchesTheReferenceToolsAndSurvivesDamagedPictures) {
-  auto files = formats_test::CorpusFiles("pictures");
+  auto files = CorpusFiles("pictures");
   if (files.empty()) GTEST_SKIP() << "no corpus at " << ORVO_CORPUS_DIR;
   int compared = 0;
   for (const auto& path : files) {
-    std::string entry = formats_test::Reference("pictures/" + fs::path(path).filename().string());
-    std::string refW = formats_test::RefText(entry, {"width"}), refH = formats_test::RefText(entry, {"height"});
+    std::string entry = Reference("pictures/" + fs::path(path).filename().string());
+    std::string refW = RefText(entry, {"width"}), refH = RefText(entry, {"height"});
     int w = 0, h = 0;
     int rc = ORVOIndexImgResGet(path.c_str(), &w, &h);
     if (refW.empty() || refH.empty()) {

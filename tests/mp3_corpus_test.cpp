@@ -1,14 +1,7 @@
-// Real MP3 files from the shared corpus, read in place and compared with what
-// independent tools report in reference.json where our rules and theirs agree;
-// where our rules deliberately differ, the test asserts our rule.
-#include <gtest/gtest.h>
-
-#include <map>
-#include <string>
-
+// Corpus MP3s against reference.json where our rules and the tools' agree; where ours deliberately
+// differ, our rule.
 #include "formats_testutil.h"
 #include "meta/metaid3.h"
-#include "support/log_capture.h"
 
 using namespace formats_test;
 
@@ -16,8 +9,7 @@ namespace {
 
 const std::string kMp3Dir = std::string(ORVO_CORPUS_DIR) + "/mp3";
 
-// ASCII text of a record field, decoding UTF-16 by its byte-order mark; ""
-// when a character is not ASCII.
+// A record field as ASCII, UTF-16 decoded by its byte-order mark; "" when not ASCII.
 std::string Ascii(const char* field, size_t size, bool utf16) {
   std::string out;
   bool little = static_cast<unsigned char>(field[0]) == 0xFF;
@@ -58,8 +50,7 @@ TEST_F(Mp3Corpus, IndexedExactlyWhenToolsFindMpeg1Or2AudioAndSampleRatesMatch) {
   int indexed = 0;
   for (const auto& [name, f] : files_) {
     std::string rate = RefText(f.entry, {"sample_rate"});
-    // Our frame lengths deliberately differ from the standard's for MPEG-1
-    // layer I and MPEG-2 layer II: such streams are never confirmed.
+    // Deliberate: our MPEG-1 layer I and MPEG-2 layer II frame lengths never confirm such streams.
     bool refused = rate.empty() || RefText(f.entry, {"mpeg", "version"}) == "2.5" || name == "mpeg1_44_1khz.mp1" ||
                    name == "mpeg2_22050hz.mp2";
     EXPECT_EQ(f.result, refused ? -1 : 0) << name;
@@ -120,9 +111,8 @@ TEST_F(Mp3Corpus, TagTextMatchesTheToolsWhereWeReadIt) {
   EXPECT_GE(compared, 30);
 }
 
-// Tags the tools read but our rules deliberately do not: the ID3v2.4 extended
-// header stops the walk, ID3v2.2 or-ed sizes lose it before the title, only
-// "(n)" is a genre number, and in UTF-16 the parentheses are never matched.
+// Deliberately unread: after an ID3v2.4 extended header, past or-ed ID3v2.2 sizes, genre numbers
+// other than "(n)", and "(n)" in UTF-16.
 TEST_F(Mp3Corpus, ExtendedHeaderWideVersion22FramesAndBareOrUtf16GenreNumbersAreNotRead) {
   EXPECT_STREQ(files_["cbr.mp3"].rec.title, "");
   EXPECT_EQ(std::string(files_["id3v2.2.mp3"].rec.artist) + "|" + files_["id3v2.2.mp3"].rec.title, "Shiny Toy Guns|");

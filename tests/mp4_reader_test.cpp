@@ -1,14 +1,5 @@
-// MP4 audio through the MOV demuxer: track choice, tags before defaults, and
-// files that are no MP4 at all.
-#include <gtest/gtest.h>
-
-#include <cstring>
-
+// MP4 audio: track choice, tags before defaults, and files that are no MP4 at all.
 #include "formats_testutil.h"
-#include "handlers/formats.h"
-#include "handlers/handlers.h"
-#include "platform/media_info.h"
-#include "support/log_capture.h"
 
 using namespace formats_test;
 
@@ -16,12 +7,7 @@ namespace {
 
 const std::string kMono = "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=3 ";
 
-MediaInfo Fill(const std::string& path) {
-  MediaInfo info;
-  memset(&info, 0xAB, sizeof info);
-  EXPECT_EQ(FillMp4Record(path.c_str(), &info), 0) << path;
-  return info;
-}
+MediaInfo Fill(const std::string& path) { return Filled(FillMp4Record, path); }
 
 std::string Text(const MediaInfo& m) {
   return std::string(m.title) + "|" + m.album + "|" + m.artist + "|" + m.genre + "|" + m.year + "|" +

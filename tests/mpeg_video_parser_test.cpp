@@ -1,17 +1,8 @@
-// The MPEG video stream parser and the VCD handler: sequence headers built
-// byte by byte, and VCD, DVD and elementary streams made with ffmpeg.
-#include <gtest/gtest.h>
+// The MPEG video parser and VCD handler: sequence headers built here, streams made with ffmpeg.
 #include <unistd.h>
 
-#include <cmath>
-#include <cstring>
-
 #include "formats_testutil.h"
-#include "handlers/formats.h"
-#include "handlers/handlers.h"
 #include "meta/metavideo.h"
-#include "platform/media_info.h"
-#include "support/log_capture.h"
 
 using namespace formats_test;
 
@@ -26,8 +17,7 @@ std::string SequenceHeader(unsigned width, unsigned height, int aspect, int rate
   return s + std::string("\0\0\1\xb8\0\0\0\0", 8);  // and a group of pictures
 }
 
-// A sequence extension with the given size extensions and bit-rate extension,
-// frame-rate extension 1/1.
+// A sequence extension with these size and bit-rate extensions, frame-rate extension 1/1.
 std::string SequenceExtension(int h_ext, int v_ext, unsigned br_ext) {
   std::string s("\0\0\1\xb5\x14", 5);
   for (unsigned byte : {unsigned(0x48 | (h_ext >> 1)), unsigned((h_ext & 1) << 7 | v_ext << 5) | (br_ext >> 7),
@@ -86,9 +76,7 @@ TEST(MpegVideoSearchLimit, NothingAfterTheFirst100000BytesIsSeenAndTheFileIsStil
   std::string path = dir.File("VCD/MPEGAV/MUSIC01.DAT");
   WriteBytes(path, std::string(100000, '\x55') + header);
   orvo::test::LogCapture log;
-  MediaInfo m;
-  memset(&m, 0xAB, sizeof m);
-  ASSERT_EQ(FillVcdRecord(path.c_str(), &m), 0);
+  MediaInfo m = Filled(FillVcdRecord, path);
   EXPECT_EQ(Values(m), "MUSIC01|MPEGAV|0x0|0|0|0");
   EXPECT_TRUE(log.Contains("couldn't find any valid video."));
   EXPECT_TRUE(log.Contains("Did not find video nor audio. Skip meta info"));
@@ -106,8 +94,7 @@ TEST(MpegVideoStreams, VcdDvdAndElementaryStreamsMadeByFfmpeg) {
                      "-f lavfi -i sine=sample_rate=48000:duration=2 -ac 2 -target ntsc-dvd -c:a mp2 -b:a 192k " + dvd));
   std::string riff = std::string("RIFF\0\0\0\0CDXAfmt ", 16) + std::string(36, '\0') + ReadBytes(vcd);
   WriteBytes(dat, riff);
-  MediaInfo m;
-  ASSERT_EQ(FillVcdRecord(dat.c_str(), &m), 0);
+  MediaInfo m = Filled(FillVcdRecord, dat);
   // The VCD bit rate value 2875 (1150 kbit/s) gives the duration.
   EXPECT_EQ(Values(m), "AVSEQ01|Disc|352x240|2875000|224000|44100");
   EXPECT_NEAR(m.duration, riff.size() * 8.0 / 1150000, 1e-3);

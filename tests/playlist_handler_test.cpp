@@ -1,16 +1,6 @@
-// The playlist handler: name, folder and size only, and the remover that
-// reports success even when the database refuses.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <cstring>
-
+// The playlist handler: name, folder and size only; its remover says 0 even when the database fails.
 #include "formats_testutil.h"
-#include "handlers/formats.h"
-#include "handlers/handlers.h"
-#include "platform/media_info.h"
 #include "platform/orvodb.h"
-#include "support/log_capture.h"
 
 using namespace formats_test;
 
@@ -20,9 +10,7 @@ TEST(PlaylistRecord, NameFolderAndSizeOnly) {
   TempDir dir;
   std::string path = dir.File("music/Party Mix.m3u");
   std::ofstream(path) << "#EXTM3U\nsong.mp3\n";
-  MediaInfo m;
-  memset(&m, 0xAB, sizeof m);
-  ASSERT_EQ(FillPlaylistRecord(path.c_str(), &m), 0);
+  MediaInfo m = Filled(FillPlaylistRecord, path);
   EXPECT_EQ(std::string(m.title) + "|" + m.album + "|" + m.artist, "Party Mix|music|");
   EXPECT_EQ(m.filesize, 17);
   EXPECT_EQ(m.mtime, 0);  // playlists carry no modification time
@@ -37,8 +25,7 @@ TEST(PlaylistRemover, ExistingFileRefusedGoneFileAlwaysSucceeds) {
   EXPECT_EQ(RemovePlaylist(path.c_str()), -1);
   EXPECT_TRUE(log.Contains("File exists. Skip remove it from database."));
   fs::remove(path);
-  // Point the media database somewhere it cannot be opened: the delete fails,
-  // is logged in the playlist's own wording, and the remover still says 0.
+  // A media database that cannot open: logged in the playlist's own wording, and still 0.
   const char* saved = getenv("ORVO_MEDIA_DB");
   std::string keep = saved != nullptr ? saved : "", blocker = dir.File("blocker");  // a file where a folder would go
   std::ofstream(blocker) << "x";

@@ -1,22 +1,13 @@
-// The appliance sandbox script seen from the host: what a command inside
-// gets, and that nothing of it is left outside afterwards.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
+// The appliance sandbox script from the host: what a command inside gets, and nothing left behind.
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "formats_testutil.h"
 #include "support/sandbox.h"
 
-namespace fs = std::filesystem;
-using orvo::test::CommandResult;
-
 namespace {
+
+using namespace formats_test;
+using orvo::test::CommandResult;
 
 const std::string kScript = std::string(ORVO_SOURCE_DIR) + "/scripts/appliance-sandbox";
 const std::string kPgUri = "postgresql://postgres@/media?host=/tmp";
@@ -28,8 +19,7 @@ class SandboxScript : public ::testing::Test {
     if (getenv("ORVO_SANDBOX") != nullptr) GTEST_SKIP() << "already inside a sandbox";
     if (access(kHelper.c_str(), X_OK) != 0) GTEST_SKIP() << "helper not built: " << kHelper;
   }
-  // Runs `shell` inside a sandbox made with `options`; its own scratch
-  // folder goes under ours. Returns the exit code and the output.
+  // Exit code and output of `shell` in a sandbox made with `options`, its scratch folder under ours.
   std::pair<int, std::string> Run(const std::string& shell, std::vector<std::string> options = {}) {
     std::vector<std::string> argv = {kScript, "--helper", kHelper};
     argv.insert(argv.end(), options.begin(), options.end());
@@ -37,7 +27,7 @@ class SandboxScript : public ::testing::Test {
     CommandResult r = orvo::test::RunCommand(argv, {"TMPDIR=" + scratch_, "ORVO_MEDIA_DB=" + kPgUri});
     return {WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1, r.output};
   }
-  formats_test::TempDir dir_;
+  TempDir dir_;
   const std::string scratch_ = dir_.File("");  // ends in a slash
 };
 
@@ -65,8 +55,7 @@ TEST_F(SandboxScript, OptionsSwitchFeaturesShareAFolderAndExportResults) {
   EXPECT_NE(out.find("supportphoto=\"no\""), std::string::npos) << out;
   EXPECT_NE(out.find("[in]"), std::string::npos) << out;
   EXPECT_TRUE(fs::exists(scratch_ + "vol/photo/out.jpg"));
-  std::ifstream db(scratch_ + "export/mediaserver.db");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(db), {}), "db\n");
+  EXPECT_EQ(ReadBytes(scratch_ + "export/mediaserver.db"), "db\n");
   EXPECT_EQ(Run("true", {"--albumdefpublic", "maybe"}).first, 125) << "a bad option value ran the command";
 }
 

@@ -1,30 +1,22 @@
-#include <gtest/gtest.h>
+// Config key lookup, pid files, file tests and the thumbnail request queue.
+#include <sys/wait.h>
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "formats_testutil.h"
 #include "platform/system.h"
 #include "platform/system_paths.h"
 
-namespace fs = std::filesystem;
-
 namespace {
 
-using formats_test::TempDir;
+using namespace formats_test;
 
 std::string File(const TempDir& dir, const std::string& name, const std::string& content) {
   formats_test::WriteBytes(dir.File(name), content);
   return dir.File(name);
 }
 
-// The value, or "<missing>"; checks the terminator and that nothing was
-// written past `size` bytes.
+// The value, or "<missing>"; checks the terminator and that nothing was written past `size` bytes.
 std::string Get(const std::string& file, const char* key, int size = 64) {
   std::string out(size + 8, '\x7f');
   int n = QLIBFileGetKeyValue(file.c_str(), key, out.data(), size, 0);
