@@ -1,22 +1,10 @@
-// Folder walks into the media database on each backend: which folders get a
-// row, and walks that must end (link loops, paths at the buffer's limit).
+// Folder walks on each backend: which folders get a row; link loops and paths at the limit end.
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <set>
-#include <sstream>
 
 #include "index/index.h"
-#include "platform/orvodb.h"
 #include "support/db_fixture.h"
-#include "support/log_capture.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 TEST(RecycleBin, OnlyAtTheTopOfAShare) {
   for (const char* path : {"/volume1/music/#recycle", "/volume1/music/#recycle/a/b.mp3"})
@@ -65,8 +53,7 @@ TEST_P(IndexWalk, LinkLoopEndsTheWalk) {
   EXPECT_EQ(Walk(), (std::set<std::string>{".", "a", "a/b"}));
 }
 
-// A child path cut short at the 4096-byte buffer can name its own parent;
-// the walk must neither loop nor overrun.
+// A child path cut short at the 4096-byte buffer can name its own parent: no loop, no overrun.
 TEST_P(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
   std::string path = share_;
   int fd = open(share_.c_str(), O_RDONLY | O_DIRECTORY);

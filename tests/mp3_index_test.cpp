@@ -1,18 +1,9 @@
-// The MP3 handler on both database backends: the file-name and folder
-// defaults, and what is never saved.
+// The MP3 handler on both backends: file-name and folder defaults, and what is never saved.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <fstream>
-#include <string>
 
 #include "handlers/handlers.h"
 #include "mp3_test_bytes.h"
-#include "platform/orvodb.h"
 #include "support/db_fixture.h"
-#include "support/log_capture.h"
 
 using namespace mp3test;
 
@@ -23,7 +14,7 @@ class Mp3Index : public orvo::test::DatabaseTest {
   // Writes `bytes` at `relative` under the test's folder and indexes it.
   std::string Index(const std::string& relative, const std::string& bytes, int expected = 0) {
     std::string path = TempDir() + "/" + relative;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << bytes;
     EXPECT_EQ(IndexMp3(path.c_str()), expected) << path;
     return path;

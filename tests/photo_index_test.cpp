@@ -1,25 +1,14 @@
-// The media row of IndexPhoto against the photo row of ORVOPhotoIndexAdd, and
-// the photo-row renames, on both database backends.
-
-#include <gtest/gtest.h>
-#include <sys/stat.h>
+// IndexPhoto's media row against ORVOPhotoIndexAdd's photo row, and the renames, on both backends.
 #include <utime.h>
-
-#include <cstdlib>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <string>
 
 #include "handlers/handlers.h"
 #include "photo/photo_index.h"
 #include "platform/photo_db.h"
 #include "support/db_fixture.h"
 
-namespace fs = std::filesystem;
-using orvo::test::QueryAll;
-
 namespace {
+
+using orvo::test::QueryAll;
 
 std::string MediaRow(const std::string& columns, const std::string& path) {
   return QueryAll(OrvoDatabase::kMedia, "select " + columns + " from photo where path = '" + path + "'");
@@ -42,11 +31,8 @@ class PhotoIndex : public orvo::test::DatabaseTest {
   }
 };
 
-// The media row keeps the header's size and the EXIF date as a time; the
-// photo row clamps the size above 8000 and keeps the date's text. A text with
-// bytes outside printable ASCII is emptied on both. Without an EXIF date the
-// media row keeps the mtime, the photo row takes the change time as "%F %T";
-// change_time is ctime()'s text with its newline.
+// Media row: header size, EXIF date as a time, else the mtime. Photo row: size clamped above 8000,
+// the date's text, else the change time as "%F %T". Non-ASCII text is emptied on both.
 TEST_P(PhotoIndex, MediaRowAndPhotoRowOfOneFile) {
   std::string path = Sized("Holiday/beach.day.jpg", 0);
   std::string command = "ffmpeg -v error -y -f lavfi -i color=c=red:s=8002x8000 -frames:v 1 '" + path + "' </dev/null"
@@ -78,9 +64,7 @@ TEST_P(PhotoIndex, MediaRowAndPhotoRowOfOneFile) {
   EXPECT_EQ(PhotoRow("takendate, change_time", plain), std::string(changed) + "|" + ctime(&st.st_ctime));
 }
 
-// The media row's EXIF date goes through mktime as it stands: an impossible
-// date is normalised, a result of -1 is stored like any other, and only 0
-// keeps the file's own mtime.
+// Deliberate: the EXIF date goes through mktime as it is; only a result of 0 keeps the file's mtime.
 TEST_P(PhotoIndex, ExifDateConversionQuirks) {
   const char* zone = getenv("TZ");
   std::string savedZone = zone ? zone : "";
@@ -120,8 +104,7 @@ TEST_P(PhotoIndex, PhotoDatabaseSizeBoundIsExact) {
   EXPECT_EQ(MediaRow("filesize", atLimit) + "," + MediaRow("filesize", empty), "20971520,0");
 }
 
-// A hidden name gets a media row only, a thumbnail folder's file neither, a
-// name without '.' a bare media row; tif and psd are media-only pictures.
+// Hidden: media row only; thumbnail folder: neither; no '.': a bare media row; tif, psd: media only.
 TEST_P(PhotoIndex, SkipsDifferPerPath) {
   std::string hidden = Sized("h/.hidden.jpg", 10), thumb = Sized("h/@eaDir/a.jpg", 10), noDot = Sized("h/pic", 50);
   for (const std::string& path : {hidden, thumb, noDot}) EXPECT_EQ(IndexPhoto(path.c_str()), 0) << path;
@@ -150,8 +133,7 @@ TEST_P(PhotoIndex, RemoveOnlyWhenFileIsGone) {
   EXPECT_EQ(MediaRow("count(*)", path) + PhotoPaths(), "0");
 }
 
-// A folder rename moves exactly its own rows, whatever quotes or LIKE
-// wildcards the names hold.
+// A folder rename moves exactly its own rows, whatever quotes or LIKE wildcards the names hold.
 TEST_P(PhotoIndex, FolderRenameMovesOnlyItsOwnRows) {
   const std::string odd = "it's 100%_a\\b";
   std::string inside = Sized(odd + "/1.jpg", 10);
@@ -163,8 +145,7 @@ TEST_P(PhotoIndex, FolderRenameMovesOnlyItsOwnRows) {
   EXPECT_EQ(PhotoPaths(), prefixSibling + "\n" + lookalike + "\n" + TempDir() + "/moved/1.jpg");
 }
 
-// A photo renamed onto a path that already has a row replaces it; a video
-// with a row loses it and is not renamed; an unknown photo is indexed.
+// A photo renamed onto a row replaces it; a video loses its row; an unknown photo is indexed.
 TEST_P(PhotoIndex, FileRenameByKind) {
   std::string oldPhoto = Sized("f/old.jpg", 10), target = Sized("f/new.jpg", 20);
   ASSERT_EQ(ORVOPhotoIndexAdd(oldPhoto.c_str(), 1), 0);
@@ -185,8 +166,7 @@ TEST_P(PhotoIndex, FileRenameByKind) {
   EXPECT_EQ(ORVOPhotoRenamePath((TempDir() + "/f/x.txt").c_str(), (TempDir() + "/f/y.txt").c_str(), 0), -1);
 }
 
-// The video application's rows move by plain prefix, so a file's companions
-// move with it; a rename that matches nothing fails.
+// Video rows move by plain prefix, companions included; a rename that matches nothing fails.
 TEST_P(PhotoIndex, VideoTableRenameUsesPlainPrefix) {
   const std::string dir = "/volume1/photo/o'k 5%_x", quoted = "'/volume1/photo/o''k 5%_x";
   for (const char* name : {"/a.avi", "/a.avi.srt", "/b.avi"}) {
@@ -201,8 +181,7 @@ TEST_P(PhotoIndex, VideoTableRenameUsesPlainPrefix) {
   EXPECT_EQ(ORVOVideoRenamePath(1, "/volume1/photo/n.avi", "/volume1/photo/none.avi"), -1);
 }
 
-// Every corpus picture, damaged ones included, reaches both databases, with
-// no unclamped size or empty date in the photo rows.
+// Every corpus picture, damaged too, reaches both databases, with clamped sizes and dates.
 TEST_P(PhotoIndex, WholeCorpusThroughBothHandlers) {
   std::string folder = std::string(ORVO_CORPUS_DIR) + "/pictures";
   if (!fs::is_directory(folder)) GTEST_SKIP() << "corpus not present at " << ORVO_CORPUS_DIR;

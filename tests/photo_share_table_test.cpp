@@ -1,10 +1,4 @@
-// The album routines that work on the table alone (no photo root link), on
-// both database backends.
-
-#include <gtest/gtest.h>
-
-#include <string>
-
+// The album routines that work on the table alone (no photo root link), on both backends.
 #include "photo/photo_share.h"
 #include "platform/photo_db.h"
 #include "support/db_fixture.h"
@@ -28,9 +22,7 @@ int Rename(const std::string& to, const std::string& from) {
 
 class PhotoShareTable : public orvo::test::DatabaseTest {};
 
-// Ids start at 1. A sub-album takes its album's flag and, for a private album,
-// a copy of each access row (granted: asctime's text); an album with no row
-// has none to give.
+// A sub-album takes its album's flag and, if private, a copy of each access row (granted: asctime's).
 TEST_P(PhotoShareTable, SubAlbumsInheritFlagAndAccessRights) {
   ASSERT_EQ(Add("private"), 0);
   ASSERT_EQ(Add("public"), 0);
@@ -56,8 +48,7 @@ TEST_P(PhotoShareTable, DeepFoldersAreIgnored) {
   EXPECT_EQ(Names(), "a");
 }
 
-// A delete takes the album's sub-albums, not a sibling that merely starts the
-// same, LIKE wildcards or not. The next id is one above the highest, not the count.
+// Not a sibling that merely starts the same, wildcards or not; the next id is above the highest.
 TEST_P(PhotoShareTable, DeleteTakesOnlyTheAlbumAndItsSubAlbums) {
   for (const char* name : {"trip", "trip/day1", "trip2", "trip2/day1", "a_b", "a_b/x", "axb", "axb/x", "50%", "50%/x", "500"})
     ASSERT_EQ(Add(name), 0) << name;
@@ -67,8 +58,7 @@ TEST_P(PhotoShareTable, DeleteTakesOnlyTheAlbumAndItsSubAlbums) {
   EXPECT_EQ(Photo("select shareid from photo_share where sharename = 'next'"), "12");
 }
 
-// A rename carries the sub-albums along; an album moved below another loses
-// what was below it.
+// A rename carries the sub-albums; an album moved below another loses what was below it.
 TEST_P(PhotoShareTable, RenameCarriesSubAlbums) {
   for (const char* name : {"old", "old/one", "old/two", "older", "older/x"}) ASSERT_EQ(Add(name), 0);
   EXPECT_EQ(Rename("new", "old"), 0);

@@ -1,18 +1,10 @@
-// The media database on every backend: upserts, deletes by path and by
-// folder, the truncate whitelist, folder rows, and text stored as UTF-8.
+// The media database on every backend: upserts, deletes, the truncate whitelist, folder rows, UTF-8.
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <cmath>
-#include <cstring>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/media_db.h"
-#include "platform/orvodb.h"
 #include "support/db_fixture.h"
-#include "support/log_capture.h"
 
 namespace {
 

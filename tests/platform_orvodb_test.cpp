@@ -1,22 +1,14 @@
-// Database access on every backend: one statement per call, escaping, the
-// LIKE and boolean rules both backends must share, results, grouped writes,
-// and what happens when the database is out of reach.
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
-#include <fstream>
-#include <thread>
-
+// Database access on every backend: one statement per call, escaping, shared LIKE and boolean rules,
+// results, grouped writes, and a database out of reach.
 #include <sqlite3.h>
+#include <sys/wait.h>
+
+#include <thread>
 
 #include "platform/db_backend.h"
 #include "platform/media_db.h"
-#include "platform/orvodb.h"
 #include "platform/photo_db.h"
 #include "support/db_fixture.h"
-#include "support/log_capture.h"
 
 namespace {
 
@@ -113,8 +105,7 @@ TEST_P(RawAccess, LikeIsCaseSensitiveBytewiseWithBackslashEscapes) {
   EXPECT_EQ(Matching("path like 'ab%\\'"), "ERROR");  // ends in the escape character
 }
 
-// A LIKE whose pattern starts with fixed text may be answered through the
-// path index; the rows must be the same, at the ends of the byte range too.
+// A prefix LIKE may go through the path index: the same rows, at the ends of the byte range too.
 TEST_P(RawAccess, PrefixLikeFindsExactlyTheRowsThatStartWithThePrefix) {
   const std::vector<std::string> names = {"a", "a/", "a/b", "a/b/c", "a0", "a.", "a\xff", "a\xff\xff",
                                           "a\xff\xffz", "b", "&", "&x", "'", "'x", "%x", "\\x", "\xff"};
@@ -239,8 +230,7 @@ TEST_P(RawAccess, AnUnreachableDatabaseFailsEachCallUntilItIsBack) {
   EXPECT_EQ(Elsewhere("select path from music"), "/m/x.mp3");
 }
 
-// A row the database refuses costs only itself and is logged by its path (on
-// the server at the next flush, since grouped rows are pipelined there).
+// A refused row costs only itself and is logged by its path (at the flush, when pipelined).
 TEST_P(RawAccess, OneRefusedRowCostsOnlyItselfAndIsLogged) {
   const char* rule = IsPostgres() ? "alter table music add constraint no_bad_titles check (title <> 'bad')"
                                   : "create trigger no_bad_titles before insert on music when new.title = 'bad'"

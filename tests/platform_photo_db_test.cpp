@@ -1,17 +1,6 @@
-// The photo database on every backend: photo rows of both kinds, the
-// updated marks of a sweep, queries, path lists and prefix renames.
-#include <sys/stat.h>
-
-#include <cstring>
-#include <fstream>
-#include <string>
-
-#include <gtest/gtest.h>
-
-#include "platform/orvodb.h"
+// The photo database on every backend: both kinds of rows, sweeps, queries, path lists, renames.
 #include "platform/photo_db.h"
 #include "support/db_fixture.h"
-#include "support/log_capture.h"
 
 namespace {
 
@@ -60,8 +49,7 @@ TEST_P(PhotoDb, SweepKeepsOneRowPerPictureAndDeletesUnmarkedRowsOfBothKinds) {
   EXPECT_EQ(Photo("select path, name, title, filesize, updated from photo_video"), keptVideo + "|kept.avi|kept|300|t");
 }
 
-// The photo code's folder query: quote-escape, then LIKE-escape, then "/%";
-// selector 0 lists pictures and videos together.
+// The folder query: quote-escape, LIKE-escape, "/%"; selector 0 lists pictures and videos.
 TEST_P(PhotoDb, PathsThatAreNotUtf8AreFoundRenamedAndRemovedByteForByte) {
   const std::string oldDir = TempDir() + "/Caf\xe9", newDir = TempDir() + "/\xff\xfe_new";
   ASSERT_EQ(mkdir(oldDir.c_str(), 0755), 0);

@@ -1,19 +1,17 @@
-// Database test fixture: every suite derived from DatabaseTest runs once per
-// backend on two fresh, empty databases (media and photo):
-//   INSTANTIATE_TEST_SUITE_P(Backends, MySuite, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
-// PostgreSQL runs when ORVO_TEST_PG_URI names a server (a libpq URI) where the
-// test may CREATE DATABASE, and is skipped otherwise; ORVO_TEST_REQUIRE_PG=1
-// makes a missing or unreachable server a failure. Its databases are made
-// ENCODING 'SQL_ASCII': only such a database stores paths that are not UTF-8.
+// Every suite derived from DatabaseTest runs once per backend on two fresh, empty databases (media
+// and photo). PostgreSQL needs ORVO_TEST_PG_URI (a server where the test may CREATE DATABASE), else
+// it is skipped, or fails with ORVO_TEST_REQUIRE_PG=1; SQL_ASCII databases, to store non-UTF-8 paths.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include <filesystem>
+#include <fstream>
 
 #include "platform/orvodb.h"
+#include "support/log_capture.h"
 
+namespace fs = std::filesystem;
 struct pg_conn;
 
 namespace orvo::test {
@@ -21,12 +19,8 @@ namespace orvo::test {
 // Always both, so that ctest's discovery does not depend on the build's environment.
 std::vector<std::string> DatabaseBackends();
 
-// SetUp points ORVO_MEDIA_DB and ORVO_PHOTO_DB at two empty databases of the
-// backend GetParam() names, closing any open connections first; TearDown
-// flushes, closes and empties or removes them. SQLite: files in a temporary
-// folder. PostgreSQL: a pooled pair orvo_test_pool_<n>_{media,photo}, kept on
-// the server because creating a database costs seconds; a session advisory
-// lock claims a pair, and its public schema is made again for each test.
+// SetUp points ORVO_MEDIA_DB and ORVO_PHOTO_DB at two empty databases: SQLite files in a scratch
+// folder, or a pooled PostgreSQL pair (creating one costs seconds) claimed by an advisory lock.
 class DatabaseTest : public ::testing::TestWithParam<std::string> {
  protected:
   void SetUp() override;
@@ -38,8 +32,7 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
   // A scratch folder for the test's own files, removed in TearDown.
   const std::string& TempDir() const { return tempDir_; }
 
-  // Runs `sql` on a connection of its own, as another program would. Returns
-  // the first field of the first row ("" when none), or "ERROR: ..." on failure.
+  // The first field of `sql`'s first row ("" if none, "ERROR: ..." on failure) on a connection of its own.
   std::string QueryElsewhere(OrvoDatabase which, const std::string& sql) const;
 
  private:
@@ -48,8 +41,7 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
   bool hadMedia_ = false, hadPhoto_ = false;
 };
 
-// The whole of a query's result on the platform connection, rows joined by
-// '\n' and fields by '|'. "ERROR" when the statement failed.
+// A query's whole result on the platform connection, rows joined by '\n', fields by '|'; else "ERROR".
 std::string QueryAll(OrvoDatabase which, const std::string& sql);
 
 }  // namespace orvo::test
