@@ -1,13 +1,11 @@
-// The main loop's decisions: when a run is due after signals, when the
-// database is vacuumed, and when endless signals force a run.
+// The main loop's decisions: a run due after signals, a vacuum due, endless signals forcing a run.
 #include <gtest/gtest.h>
 
 #include "daemon/daemon.h"
 
 namespace {
 
-// Plays the main loop's flag handling over ticks: `signals[i]` says whether a
-// SIGUSR1 arrived during tick i's sleep. Returns the ticks (from 1) that ran the queue.
+// The ticks (from 1) that run the queue when `signals[i]` says a SIGUSR1 came during tick i's sleep.
 std::vector<int> TicksThatRun(const std::vector<bool>& signals) {
   int dirty = 0, fresh = 0;
   std::vector<int> runs;

@@ -16,8 +16,7 @@ TEST(HandlerLookup, ExtensionCaseIsIgnoredAndOnlyTheLastDotCounts) {
     EXPECT_EQ(FindMediaHandler(name), nullptr) << name;
 }
 
-// Rows that look like mistakes but are relied on: FLAC removed as plain
-// audio, .mp4 indexed as video while .m4a/.aac/.m4p go to the MP4 reader.
+// Deliberate rows: FLAC removed as plain audio, .mp4 indexed as video but .m4a by the MP4 reader.
 TEST(HandlerLookup, DeliberateOddRowsAreKept) {
   EXPECT_EQ(FindMediaHandler("/a/x.flac")->remove, RemoveAudio);
   EXPECT_EQ(FindMediaHandler("/a/x.mp4")->index, IndexVideo);

@@ -1,11 +1,6 @@
 // ID3v1 and ID3v2 tag reading and the merge of tag text into the record.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
-#include <tuple>
-
-#include "meta/metaid3.h"
 #include "mp3_test_bytes.h"
 
 using namespace mp3test;

@@ -1,10 +1,8 @@
-// Builders for MP3 bytes in tests: ID3 tags, MPEG audio frames, Xing and VBRI
-// headers.
+// Builders for MP3 bytes in tests: ID3 tags, MPEG audio frames, Xing and VBRI headers.
 #pragma once
 
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -18,8 +16,7 @@ inline std::string Syncsafe(uint32_t v) {
 }
 inline std::string BigEndian32(uint32_t v) { return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; }
 
-// ID3v2.3 frames have plain 32-bit sizes, ID3v2.4 frames syncsafe ones, ID3v2.2
-// frames a 3-character id and three size bytes.
+// Frame sizes: ID3v2.3 plain 32-bit, ID3v2.4 syncsafe, ID3v2.2 three bytes after a 3-character id.
 inline std::string Frame23(const std::string& id, const std::string& body) {
   return id + BigEndian32(uint32_t(body.size())) + std::string(2, '\0') + body;
 }
@@ -51,8 +48,7 @@ inline std::string Id3v1(const std::string& title = "", const std::string& year 
 // MPEG-1 layer III, 128 kbit/s, 44100 Hz: 417 bytes without padding.
 inline constexpr int kFrame128Length = 417;
 
-// `count` frames with header bytes FF b1 b2 b3, each `length` bytes long and
-// filled with a byte that can never start a sync.
+// `count` frames with header FF b1 b2 b3, `length` bytes each, filled with a byte that never syncs.
 inline std::string Frames(uint8_t b1, uint8_t b2, uint8_t b3, int length, int count) {
   std::string frame = std::string{'\xFF', char(b1), char(b2), char(b3)} + std::string(size_t(length - 4), '\x55');
   std::string out;
@@ -65,8 +61,7 @@ inline std::string Cbr128(int count, int mode = 1) {
   return Frames(0xFB, 0x90, uint8_t(mode << 6), kFrame128Length, count);
 }
 
-// A first frame carrying a Xing header (MPEG-1 stereo layer III puts it 36
-// bytes in), followed by `count` more frames.
+// A first frame with a Xing header (36 bytes in, for MPEG-1 stereo layer III), then `count` frames.
 inline std::string XingStream(uint32_t frames, int count, bool frames_flag = true) {
   std::string first = Cbr128(1);
   first.replace(36, 12, "Xing" + BigEndian32(frames_flag ? 1 : 0) + BigEndian32(frames));

@@ -1,13 +1,7 @@
-// The MPEG audio frame search and its confirmation, the play time from the
-// length, a Xing header or a VBRI header, and damaged, truncated and shrinking
-// files ending as a logged failure, never a crash, a hang or a read past the end.
+// The MPEG audio frame search, play times (length, Xing, VBRI), and damaged, cut and shrinking files
+// ending as a logged failure, never a crash, a hang or a read past the end.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <string>
-
-#include "meta/metaid3.h"
-#include "meta/mpeg_audio.h"
 #include "mp3_test_bytes.h"
 #include "support/log_capture.h"
 
@@ -46,8 +40,7 @@ TEST(FrameSearch, StraySyncsNeedAConfirmingHeaderAndTagsAreNotScanned) {
   // ...and taken once the header one frame length on confirms it.
   ASSERT_EQ(ReadRecord(stray + Cbr128(10), &rec), 0);
   EXPECT_EQ(rec.bitrate, 320000);
-  // Deliberate off-by-one: after a frame followed by zero bytes the check lands
-  // on the last zero, so that frame is not confirmed.
+  // Deliberate off-by-one: the check after a frame and zero bytes lands on the last zero.
   ASSERT_EQ(ReadRecord(Frames(0xFB, 0xE0, 0, 1044, 1) + std::string(4, '\0') + Cbr128(10), &rec), 0);
   EXPECT_EQ(rec.bitrate, 128000);
 }
@@ -67,8 +60,7 @@ TEST(Duration, XingFrameCountGivesThePlayTimeOnlyWithItsFlagAndNameInReach) {
   EXPECT_EQ(rec.bitrate, 128000) << "the bit rate is never recomputed";
   std::string info = XingStream(10000, 20);
   info.replace(36, 4, "Info");
-  // 1653750 frames are exactly 43200 s, which is not believed; behind a tag
-  // filling most of the file the header lies beyond the first quarter.
+  // 43200 s (1653750 frames) is not believed; behind a large tag the header is past the first quarter.
   for (const std::string& bytes : {XingStream(10000, 20, false), info, XingStream(1653750, 20),
                                    Id3v2(3, Frame23("TIT2", Text("x")), 3000) + XingStream(10000, 4)}) {
     ASSERT_EQ(ReadRecord(bytes, &rec), 0);
@@ -90,8 +82,7 @@ TEST(Duration, VbriIsReadWhenNoXingFrameCountIsThereEvenAcrossTheBufferEdge) {
   MediaInfo rec;
   ASSERT_EQ(ReadRecord(XingStream(10000, 3, false) + VbriStream(5000, 20), &rec), 0);
   EXPECT_NEAR(rec.duration, kVbri5000, 1e-3);
-  // The search reads from the end of the tag; the header's four letters
-  // straddle the first buffer.
+  // Read from the end of the tag, the header's four letters straddle the first buffer.
   std::string tag = Id3v2(3, Frame23("TIT2", Text("x")));
   for (int straddle : {1, 2, 3}) {
     std::string garbage(size_t(kByteReaderBufferSize - straddle - 36), '\x22');
@@ -135,8 +126,7 @@ std::string GoodFile() {
 
 TEST(DamagedFile, EveryTruncationOfAGoodFileIsSafeAndLoggedWhenRefused) {
   std::string good = GoodFile();
-  // A header counts only once the next one confirms it; bytes past the end
-  // read as 17, so the next header's two sync bytes already complete one.
+  // The next header confirms one; bytes past the end read as 17, so its two sync bytes suffice.
   size_t confirmable = good.find("\xFF\xFB") + kFrame128Length + 2;
   for (size_t n = 0; n < good.size(); ++n) {
     orvo::test::LogCapture log;

@@ -1,7 +1,4 @@
-// Tag text into UTF-8 fields: UTF-16 by its byte-order mark, UTF-8 kept,
-// Latin-1 converted, and never a byte past the field or half a character.
-#include <string>
-
+// Tag text into UTF-8 fields, never a byte past the field or half a character.
 #include <gtest/gtest.h>
 
 #include "platform/text_encoding.h"

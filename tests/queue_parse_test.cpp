@@ -1,10 +1,5 @@
-// Queue lines as the daemon reads them: parsing, the rename split, the photo
-// share test, and a reader that survives long lines, NUL bytes and CR-LF.
+// Queue lines: parsing, the rename split, the photo share test, long lines, NUL bytes and CR-LF.
 #include <gtest/gtest.h>
-
-#include <cstdio>
-#include <memory>
-#include <vector>
 
 #include "daemon/queue.h"
 
