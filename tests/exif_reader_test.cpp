@@ -97,15 +97,12 @@ PhotoInfo Written(const std::string& exiftoolArgs) {
   return info;
 }
 
-TEST(ExifWritten, DatePreferenceOriginalThenDigitizedThenDateTime) {
+// The date taken: original, else digitised, else DateTime; IFD1 (the thumbnail's) comes after IFD0.
+TEST(ExifWritten, DatePreferenceAndTheLaterIfdWins) {
   const std::string modify = "-ModifyDate='2001:01:01 01:01:01'", create = " -CreateDate='2002:02:02 02:02:02'";
   EXPECT_STREQ(Written(modify).takenDate, "2001:01:01 01:01:01");
   EXPECT_STREQ(Written(modify + create).takenDate, "2002:02:02 02:02:02");
   EXPECT_STREQ(Written(modify + create + " -DateTimeOriginal='2003:03:03 03:03:03'").takenDate, "2003:03:03 03:03:03");
-}
-
-// The thumbnail directory comes after IFD0 in the walk; its Make wins.
-TEST(ExifWritten, LaterIfdOverwritesEarlier) {
   EXPECT_STREQ(Written("-IFD0:Make=Alpha -IFD1:Make=Beta").make, "Beta");
 }
 

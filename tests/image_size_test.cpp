@@ -99,7 +99,6 @@ TEST(ImageSize, EachFormatAndItsTrickyLayouts) {
   for (int code : {0xC4, 0xC8, 0xCC}) Put(noSize, {0xFF, code, 0, 8, 8, 0, 9, 0, 9, 0});
   auto le = [](uint32_t w, uint32_t h) { return Tiff(true, {{256, 3, w}, {257, 3, h}}); };
   struct Case { const char* what; Bytes bytes; const char* ext; const char* expected; } cases[] = {
-      {"jpeg", Jpeg(640, 480), "jpg", "640x480"},
       {"jpeg, 60 KB APP1 before the frame", Jpeg(4032, 3024, 60000), "jpeg", "4032x3024"},
       {"jpeg progressive", Jpeg(1, 65535, 10, 0xC2), "jpe", "1x65535"},
       {"jpeg SOF15, upper-case extension", Jpeg(33, 44, 10, 0xCF), "JPG", "33x44"},
@@ -117,7 +116,6 @@ TEST(ImageSize, EachFormatAndItsTrickyLayouts) {
       {"png without IHDR first", Png(331, 90, "IDAT"), "png", "fail"},
       {"png cut in IHDR", Head(Png(331, 90), 23), "png", "fail"},
       {"png width over INT_MAX", Png(0x80000000u, 90), "png", "fail"},
-      {"gif89a", Gif("GIF89a", 790, 794), "gif", "790x794"},
       {"gif87a", Gif("GIF87a", 790, 794), "gif", "790x794"},
       {"gif88a", Gif("GIF88a", 790, 794), "gif", "fail"},
       {"bmp info header", Bmp(40, 127, 64), "bmp", "127x64"},
