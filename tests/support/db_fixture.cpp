@@ -1,7 +1,6 @@
 #include "support/db_fixture.h"
 
 #include <libpq-fe.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -9,6 +8,7 @@
 #include <filesystem>
 
 #include "platform/db_backend.h"
+#include "support/sandbox.h"
 
 namespace orvo::test {
 
@@ -112,25 +112,13 @@ void DatabaseTest::TearDown() {
 }
 
 std::string DatabaseTest::QueryElsewhere(OrvoDatabase which, const std::string& sql) const {
-  const std::string& location = Location(which);
-  if (IsPostgres()) {
-    PGconn* conn = Connect(location);
-    std::string out = Scalar(conn, sql);
-    PQfinish(conn);
-    return out;
+  if (!IsPostgres()) {
+    auto rows = QuerySqlite(Location(which).substr(7), sql);  // after "sqlite:"
+    return rows.empty() || rows[0].empty() ? "" : rows[0][0];
   }
-  sqlite3* db = nullptr;
-  sqlite3_stmt* stmt = nullptr;
-  std::string out;
-  if (sqlite3_open_v2(location.c_str() + 7, &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK ||
-      sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
-    out = std::string("ERROR: ") + sqlite3_errmsg(db);
-  } else if (sqlite3_step(stmt) == SQLITE_ROW) {
-    auto text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-    out = text ? text : "";
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close(db);
+  PGconn* conn = Connect(Location(which));
+  std::string out = Scalar(conn, sql);
+  PQfinish(conn);
   return out;
 }
 

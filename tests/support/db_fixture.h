@@ -32,7 +32,7 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
   // A scratch folder for the test's own files, removed in TearDown.
   const std::string& TempDir() const { return tempDir_; }
 
-  // The first field of `sql`'s first row ("" if none, "ERROR: ..." on failure) on a connection of its own.
+  // The first field of `sql`'s first row ("" if none, the error on failure) on a connection of its own.
   std::string QueryElsewhere(OrvoDatabase which, const std::string& sql) const;
 
  private:
