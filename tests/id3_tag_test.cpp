@@ -52,16 +52,13 @@ TEST(Id3v2FrameSize, TextFrameAbove1023BytesEndsTheTagButPicturesAreSkipped) {
   EXPECT_STREQ(ReadV2(Id3v2(3, Frame23("APIC", picture) + Frame23("TIT2", Text("After")))).title, "After");
 }
 
-TEST(Id3v2Text, TrackIsCutAtTheSlash) {
-  Id3v2Info v3 = ReadV2(Id3v2(3, Frame23("TRCK", Text("07/12"))));
-  EXPECT_STREQ(v3.track, "07");
-  EXPECT_EQ(Merge(v3, Id3v1Tag{}).track, 7);
-}
-
-TEST(Id3v2Text, Utf16KeepsEitherByteOrderMarkAndEncoding2GetsOne) {
+TEST(Id3v2Text, Utf16KeepsEitherByteOrderMarkEncoding2GetsOneAndTrackIsCutAtTheSlash) {
   const std::string le("\xFF\xFEH\0i\0", 6), be("\xFE\xFF\0H\0i", 6), enc1(1, '\x01'), enc2(1, '\x02');
   Id3v2Info a = ReadV2(Id3v2(3, Frame23("TIT2", enc1 + le) + Frame23("TPE1", enc1 + be) +
-                                    Frame23("TALB", enc2 + be.substr(2)) + Frame23("TYER", "\x01" "2000")));
+                                    Frame23("TALB", enc2 + be.substr(2)) + Frame23("TYER", "\x01" "2000") +
+                                    Frame23("TRCK", Text("07/12"))));
+  EXPECT_STREQ(a.track, "07");
+  EXPECT_EQ(Merge(a, Id3v1Tag{}).track, 7);
   EXPECT_EQ(std::string(a.title, 6), le);
   EXPECT_EQ(std::string(a.artist, 6), be);
   EXPECT_EQ(std::string(a.album, 6), be) << "encoding 2 gets FE FF put in front";
@@ -69,7 +66,7 @@ TEST(Id3v2Text, Utf16KeepsEitherByteOrderMarkAndEncoding2GetsOne) {
   EXPECT_EQ(a.title_utf16 + a.artist_utf16 + a.album_utf16 + a.year_utf16, 3);
 }
 
-TEST(Id3v1, BlankFieldsBecomeEmptyTitlesAreTrimmedYearsAreNot) {
+TEST(Id3v1, BlankFieldsBecomeEmptyTitlesAreTrimmedYearsAreNotTrackOnlyInVersion11) {
   std::string bytes = Cbr128(4) + Id3v1("Song", "199", ' ');
   MediaInfo rec;
   ASSERT_EQ(ReadRecord(bytes, &rec), 0);
@@ -77,14 +74,10 @@ TEST(Id3v1, BlankFieldsBecomeEmptyTitlesAreTrimmedYearsAreNot) {
   EXPECT_STREQ(rec.artist, "");
   EXPECT_STREQ(rec.year, "199 ");
   EXPECT_FLOAT_EQ(rec.duration, float((bytes.size() - 128) / 128.0 * 0.008)) << "the tag is not audio";
-}
-
-TEST(Id3v1, TrackOnlyFromVersion11WithARealTrackByte) {
-  // A blank (32) is no track, nor is ID3v1.0 comment text in byte 125.
+  // A track only in ID3v1.1: not a blank (32), nor ID3v1.0 comment text in byte 125.
   for (auto [track, byte125, expected] : {std::tuple{7, '\0', 7}, {200, '\0', 200}, {32, '\0', 0}, {7, 'x', 0}}) {
     std::string tag = Id3v1();
     tag.replace(125, 2, {byte125, char(track)});
-    MediaInfo rec;
     ASSERT_EQ(ReadRecord(Cbr128(4) + tag, &rec), 0);
     EXPECT_EQ(rec.track, expected) << track << " " << byte125;
   }
