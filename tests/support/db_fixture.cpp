@@ -27,7 +27,6 @@ PGconn* Connect(const std::string& uri) {
   return conn;
 }
 
-// The first field of the first row ("" when none), or "ERROR: ..." on failure.
 std::string Scalar(PGconn* conn, const std::string& sql) {
   PGresult* r = PQexec(conn, sql.c_str());
   std::string out;

@@ -27,10 +27,8 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
   void TearDown() override;
 
   bool IsPostgres() const { return GetParam() == "postgresql"; }
-  // The location (ORVO_MEDIA_DB / ORVO_PHOTO_DB value) of each database.
   const std::string& Location(OrvoDatabase which) const { return which == OrvoDatabase::kMedia ? media_ : photo_; }
-  // A scratch folder for the test's own files, removed in TearDown.
-  const std::string& TempDir() const { return tempDir_; }
+  const std::string& TempDir() const { return tempDir_; }  // removed in TearDown
 
   // The first field of `sql`'s first row ("" if none, the error on failure) on a connection of its own.
   std::string QueryElsewhere(OrvoDatabase which, const std::string& sql) const;

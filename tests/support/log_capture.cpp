@@ -13,8 +13,6 @@ void Append(const char* message, void* context) {
 LogCapture::LogCapture() { SetLogCapture(Append, &messages_); }
 LogCapture::~LogCapture() { SetLogCapture(nullptr, nullptr); }
 
-bool LogCapture::Contains(const std::string& text) const { return Count(text) > 0; }
-
 int LogCapture::Count(const std::string& text) const {
   int n = 0;
   for (const auto& m : messages_)

@@ -14,10 +14,8 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   const std::vector<std::string>& messages() const { return messages_; }
-  // True when some message contains `text`.
-  bool Contains(const std::string& text) const;
-  // How many messages contain `text`.
-  int Count(const std::string& text) const;
+  bool Contains(const std::string& text) const { return Count(text) > 0; }
+  int Count(const std::string& text) const;  // messages containing `text`
   void Clear() { messages_.clear(); }
 
  private:

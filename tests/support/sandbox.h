@@ -47,7 +47,6 @@ struct CommandResult {
   int status = -1;     // wait status; -1 when it could not run
   std::string output;  // standard output and standard error together
 };
-// Runs argv[0] (looked up in PATH) with `extraEnv` added.
 CommandResult RunCommand(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
 
 // The rows of `sql` on the SQLite file, read-only, NULL as ""; an error as one row {"error: ..."}.
