@@ -1,7 +1,7 @@
 // The orvoindex client driving the real daemon in the appliance sandbox.
 #include <sys/wait.h>
 
-#include "daemon_sandbox_env.h"
+#include "support/sandbox.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The feature switches read at start-up, seen through the photo database rows of a queued picture.
-#include "daemon_sandbox_env.h"
+#include "support/sandbox.h"
 
 namespace {
 

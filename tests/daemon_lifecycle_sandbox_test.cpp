@@ -1,7 +1,7 @@
 // The real daemon: one instance, the pid file, SIGTERM, the leftover batch at start, debounced runs.
 #include <sys/wait.h>
 
-#include "daemon_sandbox_env.h"
+#include "support/sandbox.h"
 
 namespace {
 

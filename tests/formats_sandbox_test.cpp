@@ -5,8 +5,8 @@
 #include <map>
 #include <set>
 
-#include "daemon_sandbox_env.h"
 #include "formats_testutil.h"
+#include "support/sandbox.h"
 
 namespace {
 

@@ -1,9 +1,7 @@
 // The integration-test helpers, inside the appliance sandbox.
-#include <gtest/gtest.h>
 #include <syslog.h>
 
 #include <csignal>
-#include <fstream>
 
 #include "support/sandbox.h"
 

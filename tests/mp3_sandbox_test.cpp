@@ -1,6 +1,6 @@
 // Through the daemon, "a:" on an MP3 makes its music row; "d:" removes it once the file is gone.
-#include "daemon_sandbox_env.h"
 #include "mp3_test_bytes.h"
+#include "support/sandbox.h"
 
 namespace {
 

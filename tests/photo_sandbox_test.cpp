@@ -1,8 +1,8 @@
 // The photo share through the daemon's queue, inside the appliance sandbox.
-#include "daemon_sandbox_env.h"
 #include "photo/photo_index.h"
 #include "photo/photo_share.h"
 #include "platform/orvodb.h"
+#include "support/sandbox.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Queue runs of the real daemon, seen in the log, the music server's SIGHUPs and the media database.
 #include <set>
 
-#include "daemon_sandbox_env.h"
+#include "support/sandbox.h"
 
 namespace {
 

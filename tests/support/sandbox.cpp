@@ -237,4 +237,25 @@ std::vector<std::vector<std::string>> QuerySqlite(const std::string& dbFile, con
   return rows;
 }
 
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void DaemonSandboxTest::StartIdle() {
+  std::ofstream(kQueueFile).flush();
+  pid_ = StartDaemon(kFastClock);
+  ASSERT_GT(pid_, 0);
+  ASSERT_TRUE(WaitForHups(1));
+}
+
+void DaemonSandboxTest::StartLongRun(const std::string& prefix) {
+  std::ofstream queue(kQueueFile);
+  for (int i = 0; i < 20000; ++i) queue << "x:" << prefix << " " << i << "\n";
+  queue.close();
+  int hups = SandboxHupCount();
+  ASSERT_TRUE(SignalDaemon());
+  while (!fs::exists(kBatchFile) && SandboxHupCount() == hups) std::this_thread::sleep_for(1ms);
+}
+
 }  // namespace orvo::test

@@ -2,14 +2,16 @@
 // scripts/appliance-sandbox; outside it they skip (InSandbox) so as not to touch the host's /var.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
-#include <string>
+#include <filesystem>
+#include <fstream>
 #include <string_view>
-#include <sys/types.h>
-#include <vector>
 
 namespace orvo::test {
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 inline constexpr const char* kNotInSandbox =
@@ -51,5 +53,22 @@ CommandResult RunCommand(const std::vector<std::string>& argv, const std::vector
 
 // The rows of `sql` on the SQLite file, read-only, NULL as ""; an error as one row {"error: ..."}.
 std::vector<std::vector<std::string>> QuerySqlite(const std::string& dbFile, const std::string& sql);
+std::string ReadFile(const std::string& path);
+
+// Skips outside the sandbox; stops the daemon the test started.
+class DaemonSandboxTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+  }
+  void TearDown() override {
+    if (pid_ > 0) StopDaemon(pid_);
+  }
+  // The start-up run of an empty queue (one SIGHUP) ends start-up: later lines wait for a signal.
+  void StartIdle();
+  // Queues 20000 bad lines ("x:<prefix> <n>"), signals, and returns once their run has begun.
+  void StartLongRun(const std::string& prefix);
+  pid_t pid_ = -1;
+};
 
 }  // namespace orvo::test
