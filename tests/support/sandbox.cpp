@@ -1,21 +1,15 @@
 #include "support/sandbox.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
-#include <memory>
 #include <sqlite3.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
+
+#include <algorithm>
+#include <csignal>
+#include <iterator>
 #include <thread>
-#include <unistd.h>
 
 extern char** environ;
 
@@ -147,8 +141,7 @@ bool WaitForHups(int n, std::chrono::milliseconds timeout) {
 bool ProcessAlive(pid_t pid) {
   if (pid <= 0 || kill(pid, 0) != 0) return false;
   // A zombie still answers kill(); it is gone for our purposes.
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string all((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::string all = ReadFile("/proc/" + std::to_string(pid) + "/stat");
   size_t paren = all.rfind(')');
   return paren == std::string::npos || paren + 2 >= all.size() || all[paren + 2] != 'Z';
 }

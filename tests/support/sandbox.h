@@ -55,14 +55,16 @@ CommandResult RunCommand(const std::vector<std::string>& argv, const std::vector
 std::vector<std::vector<std::string>> QuerySqlite(const std::string& dbFile, const std::string& sql);
 std::string ReadFile(const std::string& path);
 
-// Skips outside the sandbox; stops the daemon the test started.
+// Skips outside the sandbox; the daemon the test started must end on SIGTERM.
 class DaemonSandboxTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
   }
   void TearDown() override {
-    if (pid_ > 0) StopDaemon(pid_);
+    if (pid_ > 0) {
+      EXPECT_GE(StopDaemon(pid_), 0) << "the daemon did not end on SIGTERM";
+    }
   }
   // The start-up run of an empty queue (one SIGHUP) ends start-up: later lines wait for a signal.
   void StartIdle();
