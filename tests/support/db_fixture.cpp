@@ -1,11 +1,6 @@
 #include "support/db_fixture.h"
 
 #include <libpq-fe.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 
 #include "platform/db_backend.h"
 #include "support/sandbox.h"
