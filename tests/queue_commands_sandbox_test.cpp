@@ -1,4 +1,6 @@
 // Queue runs of the real daemon, seen in the log, the music server's SIGHUPs and the media database.
+#include <sys/wait.h>
+
 #include <set>
 
 #include "support/sandbox.h"
@@ -7,7 +9,6 @@ namespace {
 
 using namespace orvo::test;
 using Paths = std::set<std::string>;
-
 
 class QueueCommands : public DaemonSandboxTest {
  protected:
@@ -99,6 +100,19 @@ TEST_F(QueueCommands, LinesQueuedDuringARunRunLater) {
   ASSERT_TRUE(WaitForLog("Bad format [x:first batch 19999]."));
   EXPECT_EQ(SandboxLogCount("Bad format [x:first batch "), 20000);
   EXPECT_EQ(SandboxLogCount("Bad format [x:during the run]."), 1);
+}
+
+// The client queues its line and signals the daemon; "status" names the daemon that runs.
+TEST_F(QueueCommands, ClientQueuesATreeThatIsIndexedAfterOneCall) {
+  const std::string client = std::string(ORVO_BINARY_DIR) + "/orvoindex";
+  fs::create_directories("/volume1/music/a/b");
+  CommandResult add = RunCommand({client, "add-tree", "/volume1/music/a"});
+  EXPECT_TRUE(WIFEXITED(add.status) && WEXITSTATUS(add.status) == 0) << add.output;
+  ASSERT_TRUE(WaitForHups(2));
+  EXPECT_EQ(Rows("directory"), (Paths{"/volume1/music/a", "/volume1/music/a/b"}));
+  CommandResult status = RunCommand({client, "status"});
+  EXPECT_TRUE(WIFEXITED(status.status) && WEXITSTATUS(status.status) == 0);
+  EXPECT_NE(status.output.find("running (pid " + std::to_string(pid_) + ")"), std::string::npos) << status.output;
 }
 
 }  // namespace
