@@ -88,13 +88,12 @@ TEST(ExifCorpus, EveryPictureReadsWithoutOverrun) {
 
 // A JPEG written with just the tags a case needs, and itself as thumbnail so IFD1 exists.
 PhotoInfo Written(const std::string& exiftoolArgs) {
-  std::string path = ::testing::TempDir() + "exif_reader_test." + std::to_string(getpid()) + ".jpg";
+  formats_test::TempDir dir;
+  std::string path = dir.File("written.jpg");
   std::string command = "ffmpeg -v error -y -f lavfi -i color=c=red:s=16x16 -frames:v 1 '" + path + "' </dev/null &&"
                         " exiftool -q -q -overwrite_original '-ThumbnailImage<=" + path + "' " + exiftoolArgs + " '" + path + "'";
   EXPECT_EQ(system(command.c_str()), 0) << command;
-  PhotoInfo info = ReadFile(path);
-  fs::remove(path);
-  return info;
+  return ReadFile(path);
 }
 
 // The date taken: original, else digitised, else DateTime; IFD1 (the thumbnail's) comes after IFD0.
