@@ -200,15 +200,9 @@ CommandResult RunCommand(const std::vector<std::string>& argv, const std::vector
   pid_t child = Spawn(argv, extraEnv, fds[1]);
   close(fds[1]);
   char buffer[4096];
-  for (ssize_t n; child > 0 && (n = read(fds[0], buffer, sizeof buffer)) != 0;) {
-    if (n > 0) result.output.append(buffer, n);
-    else if (errno != EINTR) break;
-  }
+  for (ssize_t n; child > 0 && (n = read(fds[0], buffer, sizeof buffer)) > 0;) result.output.append(buffer, n);
   close(fds[0]);
-  int status = 0;
-  while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (child > 0) result.status = status;
+  if (child > 0) waitpid(child, &result.status, 0);
   return result;
 }
 
