@@ -1,4 +1,3 @@
-// Picture sizes from the header bytes of each format, from files and from the corpus.
 #include <sys/stat.h>
 
 #include <array>

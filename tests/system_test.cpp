@@ -1,4 +1,3 @@
-// Config key lookup, pid files, file tests and the thumbnail request queue.
 #include <sys/wait.h>
 
 #include <csignal>
