@@ -6,12 +6,15 @@
 #include <set>
 
 #include "formats_testutil.h"
+#include "mp3_test_bytes.h"
 #include "support/sandbox.h"
 
 namespace {
 
 using namespace formats_test;
+using namespace mp3test;
 using namespace orvo::test;
+using Rows = std::vector<std::vector<std::string>>;
 
 const std::string kFolder = "/volume1/music/all";
 
@@ -68,12 +71,36 @@ TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
       EXPECT_EQ(std::stol(row.at(1)), mtimes[row.at(0)]) << row.at(0);
   }
   // The VCD parser's unit, not the generic probe's figure: .dat went to its own handler.
-  EXPECT_EQ(QuerySqlite(kMediaDbFile, "select video_bitrate from video where path like '%f.dat'"),
-            (std::vector<std::vector<std::string>>{{"2875000"}}));
+  EXPECT_EQ(QuerySqlite(kMediaDbFile, "select video_bitrate from video where path like '%f.dat'"), (Rows{{"2875000"}}));
   // A gone FLAC file is removed by the generic audio remover.
   fs::remove(kFolder + "/f.flac");
   ASSERT_TRUE(AppendQueueLine("d:" + kFolder + "/f.flac") && SignalDaemon() && WaitForHups(3));
   EXPECT_EQ(Names("music").count("f.flac"), 0u);
+}
+
+// "a:" on an MP3 makes its music row with its tags; "d:" removes it only once the file is gone.
+TEST_F(FormatsSandbox, Mp3AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
+  StartIdle();
+  auto run = [](const std::string& line, int hups) {
+    return AppendQueueLine(line) && SignalDaemon() && WaitForHups(hups);
+  };
+  const std::string folder = "/volume1/music/Road Trip", song = folder + "/01 Opening.mp3";
+  fs::create_directories(folder);
+  std::ofstream(song, std::ios::binary) << Id3v2(4, Frame24("TIT2", std::string("\x01\xFF\xFEO\0k\0", 7)) + Frame24("TPE1", Text("Caf\xE9")) +
+                                                        Frame24("TCON", Text("(17)")) + Frame24("TRCK", Text("1/9")))
+                                        << XingStream(500, 40);
+  const std::string columns = "select path, title, artist, album, genre, track, bitrate, frequency, channels, "
+                              "round(duration, 2) from music";
+  EXPECT_TRUE(run("a:" + song, 2));
+  // UTF-16 and Latin-1 text stored as UTF-8; 500 frames of 1152 samples at 44100 Hz.
+  EXPECT_EQ(QuerySqlite(kMediaDbFile, columns),
+            (Rows{{song, "Ok", "Caf\xC3\xA9", "Road Trip", "Rock", "1", "128000", "44100", "1", "13.06"}}));
+  EXPECT_TRUE(run("d:" + song, 3));
+  EXPECT_GE(SandboxLogCount("File exists. Skip remove it from database."), 1);
+  EXPECT_EQ(QuerySqlite(kMediaDbFile, "select count(*) from music"), (Rows{{"1"}}));
+  fs::remove(song);
+  EXPECT_TRUE(run("d:" + song, 4));
+  EXPECT_EQ(QuerySqlite(kMediaDbFile, "select count(*) from music"), (Rows{{"0"}}));
 }
 
 }  // namespace
