@@ -1,6 +1,8 @@
-// Queue lines: parsing, the rename split, the photo share test, long lines, NUL bytes and CR-LF.
+// Queue lines (parsing, the rename split, the photo share test, long lines, NUL bytes, CR-LF) and the
+// main loop's decisions.
 #include <gtest/gtest.h>
 
+#include "daemon/daemon.h"
 #include "daemon/queue.h"
 
 namespace {
@@ -77,6 +79,24 @@ TEST(QueueReader, LinesLongerThanTheBufferComeInPiecesLikeFgets) {
   EXPECT_EQ(Pieces(fits + "\na:/y\n"), (std::vector<std::string>{fits + "\n", "a:/y\n"}));
   EXPECT_EQ(Pieces(std::string(10000, 'y') + "\nd:/z\n"),
             (std::vector<std::string>{piece, piece, std::string(10000 - 2 * piece.size(), 'y') + "\n", "d:/z\n"}));
+}
+
+// The main loop's decisions: a run due after signals, a vacuum due, endless signals forcing a run.
+// The loop itself runs in DaemonLifecycle.NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne.
+TEST(Debounce, ARunOnlyAfterAWholeQuietSleepFollowingASignal) {
+  EXPECT_EQ(DecideTick(0, 0), TickAction::kNone);
+  EXPECT_EQ(DecideTick(0, 1), TickAction::kSetDirty);
+  EXPECT_EQ(DecideTick(1, 1), TickAction::kClearNewSignal) << "a signal during the sleep postpones the run";
+  EXPECT_EQ(DecideTick(1, 0), TickAction::kRunQueue);
+}
+
+TEST(Debounce, VacuumOnlyAfterStrictlyMoreThanTwelveHoursAndSignalCeiling) {
+  const time_t last = 1'000'000;
+  EXPECT_FALSE(VacuumDue(last + 12 * 3600, last));
+  EXPECT_TRUE(VacuumDue(last + 12 * 3600 + 1, last));
+  EXPECT_FALSE(VacuumDue(last - 5, last));  // the clock went back
+  EXPECT_FALSE(SignalCeilingPassed(9999));
+  EXPECT_TRUE(SignalCeilingPassed(10000));
 }
 
 }  // namespace
