@@ -105,13 +105,13 @@ TEST(DamagedFile, DegenerateFilesAreRefusedWithAMessage) {
       {"all zero", std::string(100000, '\0')}, {"sync at the very end", std::string(50, '\0') + "\xFF\xFB\x90\x00"},
       {"tag claiming 256 MiB", std::string("ID3\x03\0\0\x7F\x7F\x7F\x7FTIT2\xFF\xFF\xFF\xFF\0\0x", 21) + Cbr128(4)},
       {"zero runs", zero_runs + std::string(2 << 20, '\0')}};
+  TempDir dir;
   for (const auto& [name, bytes] : cases) {
     orvo::test::LogCapture log;
-    std::string path = WriteTemp(bytes);
+    WriteBytes(dir.File("damaged.mp3"), bytes);
     MediaInfo rec = {};
-    EXPECT_EQ(ReadMp3Info(path.c_str(), &rec), -1) << name;
+    EXPECT_EQ(ReadMp3Info(dir.File("damaged.mp3").c_str(), &rec), -1) << name;
     EXPECT_TRUE(log.Contains("Can't find valid mpeg header")) << name;
-    unlink(path.c_str());
   }
 }
 
@@ -134,8 +134,10 @@ TEST(DamagedFile, EveryTruncationOfAGoodFileIsSafeAndLoggedWhenRefused) {
 
 TEST(DamagedFile, FileThatShrinksWhileBeingReadEndsCleanly) {
   std::string good = GoodFile() + Cbr128(200);
+  TempDir dir;
   for (off_t keep : {off_t(0), off_t(40), off_t(2000), off_t(30000)}) {
-    std::string path = WriteTemp(good);
+    std::string path = dir.File("shrinking.mp3");
+    WriteBytes(path, good);
     FILE* f = fopen(path.c_str(), "rb");
     ASSERT_NE(f, nullptr);
     ByteReader reader;
@@ -145,7 +147,6 @@ TEST(DamagedFile, FileThatShrinksWhileBeingReadEndsCleanly) {
     orvo::test::LogCapture log;
     int result = ReadMp3InfoFromReader(&reader, path.c_str(), &rec);
     fclose(f);
-    unlink(path.c_str());
     EXPECT_EQ(result, keep < 2000 ? -1 : 0) << keep;
     EXPECT_EQ(log.Contains("Can't find valid mpeg header"), keep < 2000) << keep;
   }

@@ -1,9 +1,6 @@
 // Builders for MP3 bytes in tests: ID3 tags, MPEG audio frames, Xing and VBRI headers.
 #pragma once
 
-#include <unistd.h>
-
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -78,14 +75,6 @@ inline std::string VbriStream(uint32_t frames, int count) {
 inline int ReadRecord(const std::string& bytes, MediaInfo* rec) {
   memset(rec, 0, sizeof *rec);
   return ReadMp3InfoFromMemory(bytes.data(), bytes.size(), rec);
-}
-
-// Writes `bytes` to a new file under /tmp and returns its path; the caller unlinks it.
-inline std::string WriteTemp(const std::string& bytes) {
-  char path[] = "/tmp/orvo-mp3-XXXXXX";
-  int fd = mkstemp(path);
-  if (fd >= 0 && write(fd, bytes.data(), bytes.size()) >= 0) close(fd);
-  return path;
 }
 
 }  // namespace mp3test
