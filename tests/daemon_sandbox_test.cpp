@@ -1,5 +1,4 @@
-// The real daemon: one instance, the pid file, SIGTERM, the leftover batch and feature switches at
-// start, debounced runs, and queue runs seen in the log, the SIGHUPs and the media database.
+// The real daemon: one instance, pid file, SIGTERM, start-up, debounced runs, and the queue commands.
 #include <sys/wait.h>
 
 #include <set>

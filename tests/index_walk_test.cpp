@@ -1,5 +1,4 @@
-// The index: handler lookup, the recycle bin, and folder walks on each backend (which folders get a
-// row; link loops and paths at the limit end).
+// Handler lookup, the recycle bin, and folder walks on each backend (rows, link loops, long paths).
 #include <fcntl.h>
 
 #include "index/handler_table.h"

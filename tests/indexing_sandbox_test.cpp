@@ -1,5 +1,4 @@
-// Indexing through the daemon: a file of every audio, video and playlist extension lands in its
-// handler's table with its values, MP3s come and go, and the photo share follows the queue.
+// Indexing through the daemon: every extension into its handler's table, MP3s, and the photo share.
 #include <fcntl.h>
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-// The AIFF and FLAC readers on headers built byte by byte, and their record fillers.
+// The AIFF and FLAC readers and record fillers on headers built byte by byte.
 #include <unistd.h>
 
 #include "formats_testutil.h"

@@ -1,6 +1,4 @@
-// The MP3 reader: the MPEG audio frame search, play times (length, Xing, VBRI), damaged, cut and
-// shrinking files ending as a logged failure (never a crash, a hang or a read past the end), tags, the
-// corpus files against the tools' reference, and the MP3 handler on both database backends.
+// The MP3 reader (frames, play times, tags, damaged files, the corpus) and the MP3 handler on both backends.
 #include <fcntl.h>
 
 #include "formats_testutil.h"

@@ -1,5 +1,4 @@
-// Picture sizes from the header bytes, files and corpus; ReadExifInfo on camera files (against the
-// corpus reference) and on JPEGs written with exiftool.
+// Picture sizes and EXIF data: built headers, exiftool-written JPEGs, and the corpus against its reference.
 #include <sys/stat.h>
 
 #include <array>

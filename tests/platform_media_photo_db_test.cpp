@@ -1,5 +1,4 @@
-// The media and photo databases on every backend: upserts, deletes, sweeps, queries, path lists,
-// renames, the truncate whitelist, folder rows, and text stored as UTF-8.
+// The media and photo database routines on every backend, and tag text into UTF-8 fields.
 #include <fcntl.h>
 
 #include <cmath>

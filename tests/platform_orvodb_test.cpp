@@ -1,5 +1,4 @@
-// Database access on every backend: one statement per call, escaping, shared LIKE and boolean rules,
-// results, grouped writes, and a database out of reach.
+// Database access on every backend: statements, escaping, LIKE, booleans, results, groups, outages.
 #include <sqlite3.h>
 #include <sys/wait.h>
 

@@ -1,5 +1,4 @@
-// Queue lines (parsing, the rename split, the photo share test, long lines, NUL bytes, CR-LF) and the
-// main loop's decisions.
+// Queue lines (parsing, rename split, photo share test, long lines, NUL, CR-LF) and the tick decisions.
 #include <gtest/gtest.h>
 
 #include "daemon/daemon.h"
