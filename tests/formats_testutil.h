@@ -100,8 +100,7 @@ inline std::string Reference(const std::string& relative) {
   return json.substr(at, json.find("\n  \"", at + 4) - at);
 }
 
-// The "value" (or `tool`'s) of the object at `keys` in a file's reference text; "" when absent, null or
-// escaped, and with `agreed` also when the tools disagree.
+// The "value" (or `tool`'s) at `keys` in a reference text; "" if absent, null, escaped, or (`agreed`) disputed.
 inline std::string RefText(const std::string& entry, std::initializer_list<const char*> keys,
                            const std::string& tool = "value", bool agreed = false) {
   size_t at = 0;

@@ -9,8 +9,9 @@ using namespace orvo::test;
 
 namespace {
 
-TEST(Harness, ListenerReceivesEverySyslogMessageBeforeTheCountReturns) {
-  if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+using Harness = DaemonSandboxTest;  // for its skip outside the sandbox; no daemon runs here
+
+TEST_F(Harness, ListenerReceivesEverySyslogMessageBeforeTheCountReturns) {
   openlog("harness", LOG_PID, LOG_DAEMON);
   syslog(LOG_ERR, "%s (%d) first message with 100%% of a %s", "harness.cpp", 12, "path");
   syslog(LOG_ERR, "second message\nwith a line break");
@@ -26,8 +27,7 @@ TEST(Harness, ListenerReceivesEverySyslogMessageBeforeTheCountReturns) {
   EXPECT_EQ(SandboxLogCount("orvo-sandbox-sync"), 0) << "the helpers' own markers are not messages";
 }
 
-TEST(Harness, MusicServerStandInCountsOneHangupPerSignal) {
-  if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+TEST_F(Harness, MusicServerStandInCountsOneHangupPerSignal) {
   int pid = 0;
   ASSERT_TRUE(std::ifstream("/var/run/mt-daapd.pid") >> pid);
   EXPECT_EQ(SandboxHupCount(), 0);

@@ -135,9 +135,8 @@ using PhotoShareInSandbox = DaemonSandboxTest;
 
 TEST_F(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   for (const char* name : {"Trip/day1/a.jpg", "Trip/b.jpg", "Trip/gone.jpg", "Trip/noext", "Trip/@eaDir/t.jpg",
-                           "#recycle/r.jpg"}) {
+                           "#recycle/r.jpg"})
     Picture(name);
-  }
   for (const char* name : {"Other", "Trip/day1/deep", "@eaDir", ".hidden", "q'x%_\\"}) fs::create_directories(kShare + "/" + name);
   fs::create_directory_symlink("..", kShare + "/Trip/day1/up");
   for (const char* album : {"/Trip", "/gone", "/Trip/gone"}) ASSERT_EQ(ORVOPhotoShareUpdate((kShare + album).c_str(), 1), 0);

@@ -1,6 +1,5 @@
-// Every suite derived from DatabaseTest runs once per backend on two fresh, empty databases (media
-// and photo). PostgreSQL needs ORVO_TEST_PG_URI (a server where the test may CREATE DATABASE), else
-// it is skipped, or fails with ORVO_TEST_REQUIRE_PG=1; SQL_ASCII databases, to store non-UTF-8 paths.
+// DatabaseTest suites run on two fresh databases per backend; PostgreSQL (SQL_ASCII, for non-UTF-8 paths)
+// needs ORVO_TEST_PG_URI naming a server where it may CREATE DATABASE, else skips (fails with ORVO_TEST_REQUIRE_PG=1).
 #pragma once
 
 #include <gtest/gtest.h>

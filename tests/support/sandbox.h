@@ -1,5 +1,4 @@
-// Helpers for the *_sandbox_test integration tests, which ctest runs inside
-// scripts/appliance-sandbox; outside it they skip (InSandbox) so as not to touch the host's /var.
+// Helpers for the *_sandbox_test tests, run inside scripts/appliance-sandbox (elsewhere they skip).
 #pragma once
 
 #include <gtest/gtest.h>
