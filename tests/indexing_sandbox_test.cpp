@@ -127,10 +127,9 @@ std::string PhotoRows(const std::string& sql) {
 std::string PhotoPaths() { return PhotoRows("select path from photo_image order by path"); }
 std::string Albums() { return PhotoRows("select sharename, public from photo_share order by sharename"); }
 
-// R:photo adds new pictures (only they go for thumbnails), drops vanished ones
-// and skips #recycle, @eaDir, names without '.' and a link back up; new albums
-// follow albumdefpublic (any case), sub-albums their album; hidden and level-2
-// folders are no albums. Then N, U, d, D and A keep both tables in step.
+// R:photo adds new pictures (only they go for thumbnails), drops vanished ones, skips #recycle, @eaDir,
+// names without '.', a link up, and hidden or level-2 albums; new albums follow albumdefpublic (any
+// case), sub-albums their album. Then N, U, d, D and A keep both tables in step.
 using PhotoShareInSandbox = DaemonSandboxTest;
 
 TEST_F(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {

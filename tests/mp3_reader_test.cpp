@@ -150,8 +150,7 @@ TEST(DamagedFile, FileThatShrinksWhileBeingReadEndsCleanly) {
   }
 }
 
-// ID3v1 and ID3v2 tag reading and the merge of tag text into the record.
-// Reads the ID3v2 frames of `bytes` the way the driver does.
+// Tags. The ID3v2 frames of `bytes`, read the way the driver does.
 Id3v2Info ReadV2(const std::string& bytes) {
   ByteReader reader;
   ByteReaderAttachMemory(&reader, bytes.data(), bytes.size());
@@ -259,8 +258,7 @@ TEST(TagMerge, GenreNumbersOnlyInParenthesesAndNeverId3v1Zero) {
   }
 }
 
-// Corpus MP3s against reference.json where our rules and the tools' agree; where ours deliberately
-// differ, our rule.
+// Corpus MP3s against reference.json where our rules and the tools' agree, else our deliberate rule.
 const std::string kMp3Dir = std::string(ORVO_CORPUS_DIR) + "/mp3";
 
 // A record field as ASCII, UTF-16 decoded by its byte-order mark; "" when not ASCII.
@@ -362,8 +360,7 @@ TEST_F(Mp3Corpus, TagTextMatchesTheToolsWhereWeReadIt) {
   EXPECT_GE(compared, 30);
 }
 
-// Deliberately unread: after an ID3v2.4 extended header, past or-ed ID3v2.2 sizes, genre numbers
-// other than "(n)", and "(n)" in UTF-16.
+// Deliberately unread: past an ID3v2.4 extended header or or-ed ID3v2.2 sizes, bare or UTF-16 genre numbers.
 TEST_F(Mp3Corpus, ExtendedHeaderWideVersion22FramesAndBareOrUtf16GenreNumbersAreNotRead) {
   EXPECT_STREQ(files_["cbr.mp3"].rec.title, "");
   EXPECT_EQ(std::string(files_["id3v2.2.mp3"].rec.artist) + "|" + files_["id3v2.2.mp3"].rec.title, "Shiny Toy Guns|");

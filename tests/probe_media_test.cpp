@@ -153,8 +153,7 @@ TEST(FormatsCorpus, EveryFileFillsAndMatchesTheToolsWhereTheyAgree) {
   EXPECT_GT(compared, 60);
 }
 
-// Deliberate differences from the tools: this FLV's data stream ends our stream loop; the AIFF they
-// refuse keeps its channels, its audio values 0 for the negative rate; the M4A stores its time scale.
+// Deliberately unlike the tools: a data stream ends our loop; a refused AIFF keeps channels; M4A: time scale.
 TEST(FormatsCorpus, DeliberateDifferencesFromTheTools) {
   if (CorpusFiles("flac").empty()) GTEST_SKIP() << "no corpus under " << CorpusDir();
   orvo::test::LogCapture log;

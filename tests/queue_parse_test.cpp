@@ -80,8 +80,7 @@ TEST(QueueReader, LinesLongerThanTheBufferComeInPiecesLikeFgets) {
             (std::vector<std::string>{piece, piece, std::string(10000 - 2 * piece.size(), 'y') + "\n", "d:/z\n"}));
 }
 
-// The main loop's decisions: a run due after signals, a vacuum due, endless signals forcing a run.
-// The loop itself runs in DaemonLifecycle.NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne.
+// The tick decisions; the loop itself runs in DaemonLifecycle.NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne.
 TEST(Debounce, ARunOnlyAfterAWholeQuietSleepFollowingASignal) {
   EXPECT_EQ(DecideTick(0, 0), TickAction::kNone);
   EXPECT_EQ(DecideTick(0, 1), TickAction::kSetDirty);

@@ -18,8 +18,7 @@ namespace orvo::test {
 // Always both, so that ctest's discovery does not depend on the build's environment.
 std::vector<std::string> DatabaseBackends();
 
-// SetUp points ORVO_MEDIA_DB and ORVO_PHOTO_DB at two empty databases: SQLite files in a scratch
-// folder, or a pooled PostgreSQL pair (creating one costs seconds) claimed by an advisory lock.
+// SetUp points ORVO_MEDIA_DB/ORVO_PHOTO_DB at SQLite files or a pooled PostgreSQL pair (creation is slow).
 class DatabaseTest : public ::testing::TestWithParam<std::string> {
  protected:
   void SetUp() override;
