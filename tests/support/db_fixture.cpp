@@ -14,11 +14,9 @@ const char* PgUri() {
   return uri != nullptr && *uri != '\0' ? uri : nullptr;
 }
 
-void IgnoreNotice(void*, const char*) {}
-
 PGconn* Connect(const std::string& uri) {
   PGconn* conn = PQconnectdb(uri.c_str());
-  PQsetNoticeProcessor(conn, IgnoreNotice, nullptr);
+  PQsetNoticeProcessor(conn, [](void*, const char*) {}, nullptr);  // no NOTICE chatter in the test output
   return conn;
 }
 
@@ -43,8 +41,7 @@ std::string EmptyDatabase(const std::string& uri) {
 }
 
 void SetOrRestore(const char* name, bool had, const std::string& value) {
-  if (had) setenv(name, value.c_str(), 1);
-  else unsetenv(name);
+  had ? setenv(name, value.c_str(), 1) : unsetenv(name);
 }
 
 }  // namespace

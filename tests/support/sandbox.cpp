@@ -26,12 +26,9 @@ std::string EnvOr(const char* name, const char* fallback) {
 
 template <typename Done>
 bool PollUntil(std::chrono::milliseconds timeout, Done done, std::chrono::milliseconds interval = 20ms) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    if (done()) return true;
+  for (auto deadline = std::chrono::steady_clock::now() + timeout; !done(); std::this_thread::sleep_for(interval))
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(interval);
-  }
+  return true;
 }
 
 int ReadNumber(const std::string& path) {
