@@ -10,19 +10,14 @@
 
 namespace {
 
-MediaInfo Record(const std::string& path) {
-  MediaInfo info;
-  memset(&info, 0, sizeof info);
-  snprintf(info.path, sizeof info.path, "%s", path.c_str());
-  return info;
-}
+using orvo::test::MediaRecord;
 
 std::string Media(const std::string& sql) { return orvo::test::QueryAll(OrvoDatabase::kMedia, sql); }
 
 class MediaDb : public orvo::test::DatabaseTest {};
 
 TEST_P(MediaDb, ResavingAFileKeepsItsIdAndTakesTheNewValues) {
-  MediaInfo info = Record("/volume1/music/a.mp3");
+  MediaInfo info = MediaRecord("/volume1/music/a.mp3");
   info.duration = 1.5f;
   info.filesize = 5000000000LL;
   ASSERT_EQ(MediaInfoDBSave(kMediaMusic, &info), 0);
@@ -39,7 +34,7 @@ TEST_P(MediaDb, ResavingAFileKeepsItsIdAndTakesTheNewValues) {
 }
 
 TEST_P(MediaDb, EachTypeGoesToItsOwnTableAndOthersAreRefused) {
-  MediaInfo info = Record("/volume1/x/a");
+  MediaInfo info = MediaRecord("/volume1/x/a");
   for (int type = 0; type < 4; ++type) ASSERT_EQ(MediaInfoDBSave(type, &info), 0);
   for (const char* table : {"music", "video", "photo", "playlist"})
     EXPECT_EQ(Media(std::string("select path from ") + table), info.path);
@@ -56,7 +51,7 @@ TEST_P(MediaDb, EachTypeGoesToItsOwnTableAndOthersAreRefused) {
 TEST_P(MediaDb, FolderDeleteTakesTheFolderAndBelowButNotItsNamesakes) {
   for (const char* path : {"/x/P", "/x/P/a.mp3", "/x/P/sub/b.mp3", "/x/P2/c.mp3", "/x/Pa", "/x/P%/d.mp3",
                            "/x/P_/e.mp3"}) {
-    MediaInfo info = Record(path);
+    MediaInfo info = MediaRecord(path);
     ASSERT_EQ(MediaInfoDBSave(kMediaMusic, &info), 0);
     ASSERT_EQ(MediaInfoDBSave(kMediaVideo, &info), 0);
   }
@@ -76,7 +71,7 @@ TEST_P(MediaDb, FolderDeleteTakesTheFolderAndBelowButNotItsNamesakes) {
 }
 
 TEST_P(MediaDb, TruncateTakesOnlyTheFiveMediaTables) {
-  MediaInfo info = Record("/volume1/v/a.avi");
+  MediaInfo info = MediaRecord("/volume1/v/a.avi");
   ASSERT_EQ(MediaInfoDBSave(kMediaVideo, &info), 0);
   ASSERT_EQ(MediaInfoDBSave(kMediaMusic, &info), 0);
   orvo::test::LogCapture log;
@@ -108,7 +103,7 @@ TEST_P(MediaDb, FolderRowsCarryTheFoldersOwnMtime) {
 INSTANTIATE_TEST_SUITE_P(Backends, MediaDb, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
 
 TEST(MediaInfoValid, RepairsWhatCannotBeStored) {
-  MediaInfo info = Record("/a.mp3");
+  MediaInfo info = MediaRecord("/a.mp3");
   EXPECT_EQ(MediaInfoValid(&info), 0);
   memset(info.title, 'x', sizeof info.title);  // no terminator
   info.bitrate = -5;

@@ -17,9 +17,7 @@ std::string Photo(const std::string& sql) { return QueryAll(OrvoDatabase::kPhoto
 int Exec(const std::string& sql) { return ORVODBExecute(OrvoDBConnect(OrvoDatabase::kPhoto), sql.c_str(), nullptr); }
 
 int SaveMusic(const std::string& path, const char* title = "") {
-  MediaInfo info;
-  memset(&info, 0, sizeof info);
-  snprintf(info.path, sizeof info.path, "%s", path.c_str());
+  MediaInfo info = orvo::test::MediaRecord(path);
   snprintf(info.title, sizeof info.title, "%s", title);
   return MediaInfoDBSave(kMediaMusic, &info);
 }

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform/media_info.h"
 #include "platform/orvodb.h"
 #include "support/log_capture.h"
 
@@ -39,5 +40,11 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
 
 // A query's whole result on the platform connection, rows joined by '\n', fields by '|'; else "ERROR".
 std::string QueryAll(OrvoDatabase which, const std::string& sql);
+
+inline MediaInfo MediaRecord(const std::string& path) {  // zeroed but for the path
+  MediaInfo info = {};
+  snprintf(info.path, sizeof info.path, "%s", path.c_str());
+  return info;
+}
 
 }  // namespace orvo::test
