@@ -111,8 +111,7 @@ const std::string kShare = "/volume1/photo";
 void Picture(const std::string& relative) {
   std::string path = kShare + "/" + relative;
   fs::create_directories(fs::path(path).parent_path());
-  std::string command = "ffmpeg -v error -y -f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + path + "' </dev/null";
-  ASSERT_EQ(system(command.c_str()), 0) << command;
+  ASSERT_TRUE(Ffmpeg("-f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + path + "'")) << path;
 }
 
 // The photo database file as the daemon left it, "a|b" lines.

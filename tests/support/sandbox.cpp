@@ -37,9 +37,7 @@ int ReadNumber(const std::string& path) {
 }
 
 bool HasVariable(const std::vector<std::string>& env, std::string_view name) {
-  for (const auto& e : env)
-    if (e.size() > name.size() && e.compare(0, name.size(), name) == 0 && e[name.size()] == '=') return true;
-  return false;
+  return std::any_of(env.begin(), env.end(), [&](auto& e) { return e.starts_with(name) && e[name.size()] == '='; });
 }
 
 // The current environment with `extra` ("NAME=value") added or replacing.
