@@ -31,15 +31,13 @@ void ApplyFormat(MediaInfo* info, const AiffFormat& fmt) {
 }  // namespace
 
 int FillAiffRecord(const char* path, MediaInfo* info) {
-  time_t mtime = 0;
-  if (BeginFileRecord(path, info, &mtime, __FILE_NAME__, __LINE__) != 0) return -1;
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
   // An unreadable header is not reported: the file is saved with zero audio
   // values and its name.
   AiffHandle aiff = AiffOpen(path, "rb");
   AiffFormat fmt;
   if (aiff && AiffGetFormat(aiff.get(), &fmt) == 1) ApplyFormat(info, fmt);
   aiff.reset();
-  info->mtime = static_cast<int32_t>(mtime);
   MediaInfoValid(info);
   SetDefaultTitleAfterTags(info, path);
   if (info->album[0] == '\0' && !SetDefaultAlbum(info, path)) ORVO_LOG("%s (%d) Impossible error.");

@@ -103,11 +103,9 @@ int ReadFlacInfo(const char* path, MediaInfo* info) {
 }
 
 int FillFlacRecord(const char* path, MediaInfo* info) {
-  time_t mtime = 0;
-  if (BeginFileRecord(path, info, &mtime, __FILE_NAME__, __LINE__) != 0) return -1;
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
   SetNameDefaults(info, path, __FILE_NAME__, __LINE__);
   if (ReadFlacInfo(path, info) < 0) ORVO_LOG("%s (%d) Failed to parse music metadata.");
-  info->mtime = static_cast<int32_t>(mtime);
   // No MediaInfoValid before the save: deliberate, FLAC rows have always
   // gone in as read.
   return 0;

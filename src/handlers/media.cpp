@@ -12,8 +12,7 @@
 #include "platform/system.h"
 
 int FillMediaRecord(const char* path, int type, MediaInfo* info) {
-  time_t mtime = 0;
-  if (BeginFileRecord(path, info, &mtime, __FILE_NAME__, __LINE__) != 0) return -1;
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
   SetNameDefaults(info, path, __FILE_NAME__, __LINE__);
 
   // A file the library cannot read is still saved with its name and folder.
@@ -24,7 +23,6 @@ int FillMediaRecord(const char* path, int type, MediaInfo* info) {
       ORVO_LOG("%s (%d) Failed to parse music metadata from file [%s].", path);
     }
   }
-  info->mtime = static_cast<int32_t>(mtime);
   MediaInfoValid(info);
   return 0;
 }

@@ -96,10 +96,8 @@ int ReadMp4Info(const char* path, MediaInfo* info) {
 }
 
 int FillMp4Record(const char* path, MediaInfo* info) {
-  time_t mtime = 0;
-  if (BeginFileRecord(path, info, &mtime, __FILE_NAME__, __LINE__) != 0) return -1;
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
   if (ReadMp4Info(info->path, info) < 0) ORVO_LOG("%s (%d) Failed to parse music metadata.");
-  info->mtime = static_cast<int32_t>(mtime);
   MediaInfoValid(info);
   // Defaults only after the tags, and only where they left a field empty.
   SetDefaultTitleAfterTags(info, path);

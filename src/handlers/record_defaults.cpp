@@ -82,14 +82,16 @@ int RemoveMediaRecord(int type, const char* path, const char* module, int line) 
   return -1;
 }
 
-int BeginFileRecord(const char* path, MediaInfo* info, time_t* mtime, const char* module, int line) {
+int BeginFileRecord(const char* path, MediaInfo* info, const char* module, int line) {
   if (path == nullptr || path[0] == '\0' || info == nullptr) {
     orvo::Log("%s (%d) Bad parameter.", module, line);
     return -1;
   }
   int64_t size = 0;
-  if (IsFileExist(path, &size, mtime) == 0) return -1;
+  time_t mtime = 0;
+  if (IsFileExist(path, &size, &mtime) == 0) return -1;
   StartRecord(info, path, size);
+  info->mtime = static_cast<int32_t>(mtime);
   return 0;
 }
 

@@ -6,7 +6,6 @@
 // and line the caller passes (__FILE_NAME__, __LINE__).
 #pragma once
 
-#include <ctime>
 #include <string_view>
 
 #include "platform/media_info.h"
@@ -44,9 +43,9 @@ int RemoveMediaRecord(int type, const char* path, const char* module, int line);
 
 // The start of every file handler: a missing path or record logs "Bad
 // parameter." (-1); a file that is not there gives -1 silently; otherwise the
-// record is zeroed and given the path and the file's size, and *mtime gets
-// the modification time from the same stat.
-int BeginFileRecord(const char* path, MediaInfo* info, time_t* mtime, const char* module, int line);
+// record is zeroed and given the path, the file's size and its modification
+// time (one stat).
+int BeginFileRecord(const char* path, MediaInfo* info, const char* module, int line);
 
 // SetDefaultTitle and SetDefaultAlbum, the album's guard logged as
 // "Impossible error." under the caller's module.

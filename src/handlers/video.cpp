@@ -11,13 +11,11 @@
 #include "platform/system.h"
 
 int FillVcdRecord(const char* path, MediaInfo* info) {
-  time_t mtime = 0;
-  if (BeginFileRecord(path, info, &mtime, __FILE_NAME__, __LINE__) != 0) return -1;
+  if (BeginFileRecord(path, info, __FILE_NAME__, __LINE__) != 0) return -1;
   SetNameDefaults(info, path, __FILE_NAME__, __LINE__);
   if (ParseMpegVideoFile(path, info) < 0) {
     ORVO_LOG("%s (%d) Failed to parse music metadata.");  // "music" as it always read
   }
-  info->mtime = static_cast<int32_t>(mtime);
   MediaInfoValid(info);
   return 0;
 }

@@ -175,34 +175,24 @@ bool SameWord(std::string_view word, const char* expected) {
 // Booleans are stored as 1/0, and SQLite never finds the integer 1 equal to
 // the text 't'. So "<boolean column> = 't'" (also <> and !=, in conditions
 // and in set clauses) gets 1 or 0 in place of the quoted word, which gives
-// the answer the server gives for the same text.
-std::string BooleanLiteralsAsNumbers(std::string_view sql) {
-  std::string out;
-  size_t copied = 0;
-  size_t open = 0;
-  size_t close = 0;
-  for (size_t from = 0; NextLiteral(sql, from, &open, &close); from = close + 1) {
-    // Look back over the operator to the column name.
-    size_t k = open;
-    while (k > 0 && isspace(static_cast<unsigned char>(sql[k - 1]))) --k;
-    bool isOperator = false;
-    if (k >= 2 && (sql.substr(k - 2, 2) == "<>" || sql.substr(k - 2, 2) == "!=")) {
-      k -= 2;
-      isOperator = true;
-    } else if (k >= 1 && sql[k - 1] == '=' && (k < 2 || (sql[k - 2] != '<' && sql[k - 2] != '>'))) {
-      k -= 1;
-      isOperator = true;
-    }
-    if (!isOperator || !IsBooleanColumn(WordBefore(sql, k, &k))) continue;
-    int value = BooleanWord(sql.substr(open + 1, close - open - 1));
-    if (value < 0) continue;
-    out.append(sql.substr(copied, open - copied));
-    out += value ? '1' : '0';
-    copied = close + 1;
+// the answer the server gives for the same text. True, with "1" or "0" in
+// *replacement, when the literal at [open, close] is such a word.
+bool BooleanAsNumber(std::string_view sql, size_t open, size_t close, std::string* replacement) {
+  // Look back over the operator to the column name.
+  size_t k = open;
+  while (k > 0 && isspace(static_cast<unsigned char>(sql[k - 1]))) --k;
+  if (k >= 2 && (sql.substr(k - 2, 2) == "<>" || sql.substr(k - 2, 2) == "!=")) {
+    k -= 2;
+  } else if (k >= 1 && sql[k - 1] == '=' && (k < 2 || (sql[k - 2] != '<' && sql[k - 2] != '>'))) {
+    k -= 1;
+  } else {
+    return false;
   }
-  if (copied == 0) return std::string(sql);
-  out.append(sql.substr(copied));
-  return out;
+  if (!IsBooleanColumn(WordBefore(sql, k, &k))) return false;
+  int value = BooleanWord(sql.substr(open + 1, close - open - 1));
+  if (value < 0) return false;
+  replacement->assign(1, value ? '1' : '0');
+  return true;
 }
 
 // The fixed bytes every match of a LIKE pattern begins with: the pattern's
@@ -238,46 +228,64 @@ void AppendQuoted(std::string& out, std::string_view text) {
 // prefix, and the index orders rows byte by byte as like() compares them: the
 // condition becomes "(path >= 'DIR/' and path < 'DIR0' and path like 'DIR/%')",
 // the same rows found through the index. Only the indexed text columns that
-// the photo statements search by prefix take part.
-std::string PrefixLikesAsRanges(std::string_view sql) {
+// the photo statements search by prefix take part. True, with the text that
+// replaces [*start, close] in *replacement, when the literal at [open, close]
+// is such a pattern.
+bool PrefixLikeAsRange(std::string_view sql, size_t open, size_t close, size_t* start,
+                       std::string* replacement) {
+  size_t likeStart = 0;
+  if (!SameWord(WordBefore(sql, open, &likeStart), "like")) return false;
+  size_t columnStart = 0;
+  std::string_view column = WordBefore(sql, likeStart, &columnStart);
+  if (!SameWord(column, "path") && !SameWord(column, "sharename")) return false;
+  if (columnStart > 0 && (sql[columnStart - 1] == '.' || sql[columnStart - 1] == '"')) return false;
+  size_t next = close + 1;
+  while (next < sql.size() && isspace(static_cast<unsigned char>(sql[next]))) ++next;
+  size_t afterWord = next;
+  while (afterWord < sql.size() && IsWordChar(sql[afterWord])) ++afterWord;
+  if (SameWord(sql.substr(next, afterWord - next), "escape")) return false;
+
+  std::string low = LikePrefix(sql.substr(open + 1, close - open - 1));
+  if (low.empty()) return false;
+  // The least text above every text that starts with `low`.
+  std::string high = low;
+  while (!high.empty() && static_cast<unsigned char>(high.back()) == 0xFF) high.pop_back();
+  if (!high.empty()) high.back() = static_cast<char>(static_cast<unsigned char>(high.back()) + 1);
+
+  std::string& out = *replacement;
+  out.assign(1, '(');
+  out.append(column);
+  out += " >= ";
+  AppendQuoted(out, low);
+  if (!high.empty()) {
+    out += " and ";
+    out.append(column);
+    out += " < ";
+    AppendQuoted(out, high);
+  }
+  out += " and ";
+  out.append(sql.substr(columnStart, close + 1 - columnStart));
+  out += ')';
+  *start = columnStart;
+  return true;
+}
+
+// A one-off statement in the server's dialect made to answer the same on
+// SQLite, in one pass over its literals (see the two rewrites above).
+std::string RewriteForSqlite(std::string_view sql) {
   std::string out;
+  std::string replacement;
   size_t copied = 0;
   size_t open = 0;
   size_t close = 0;
   for (size_t from = 0; NextLiteral(sql, from, &open, &close); from = close + 1) {
-    size_t likeStart = 0;
-    if (!SameWord(WordBefore(sql, open, &likeStart), "like")) continue;
-    size_t columnStart = 0;
-    std::string_view column = WordBefore(sql, likeStart, &columnStart);
-    if (!SameWord(column, "path") && !SameWord(column, "sharename")) continue;
-    if (columnStart > 0 && (sql[columnStart - 1] == '.' || sql[columnStart - 1] == '"')) continue;
-    size_t next = close + 1;
-    while (next < sql.size() && isspace(static_cast<unsigned char>(sql[next]))) ++next;
-    size_t afterWord = next;
-    while (afterWord < sql.size() && IsWordChar(sql[afterWord])) ++afterWord;
-    if (SameWord(sql.substr(next, afterWord - next), "escape")) continue;
-
-    std::string low = LikePrefix(sql.substr(open + 1, close - open - 1));
-    if (low.empty()) continue;
-    // The least text above every text that starts with `low`.
-    std::string high = low;
-    while (!high.empty() && static_cast<unsigned char>(high.back()) == 0xFF) high.pop_back();
-    if (!high.empty()) high.back() = static_cast<char>(static_cast<unsigned char>(high.back()) + 1);
-
-    out.append(sql.substr(copied, columnStart - copied));
-    out += '(';
-    out.append(column);
-    out += " >= ";
-    AppendQuoted(out, low);
-    if (!high.empty()) {
-      out += " and ";
-      out.append(column);
-      out += " < ";
-      AppendQuoted(out, high);
+    size_t start = open;
+    if (!BooleanAsNumber(sql, open, close, &replacement) &&
+        !PrefixLikeAsRange(sql, open, close, &start, &replacement)) {
+      continue;
     }
-    out += " and ";
-    out.append(sql.substr(columnStart, close + 1 - columnStart));
-    out += ')';
+    out.append(sql.substr(copied, start - copied));
+    out += replacement;
     copied = close + 1;
   }
   if (copied == 0) return std::string(sql);
@@ -384,7 +392,7 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
   }
   std::string rewritten;
   if (!cached) {
-    rewritten = PrefixLikesAsRanges(BooleanLiteralsAsNumbers(sql));
+    rewritten = RewriteForSqlite(sql);
     sql = rewritten;
   }
   if (stmt == nullptr) {
