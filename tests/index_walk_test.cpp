@@ -3,6 +3,7 @@
 
 #include "index/handler_table.h"
 #include "index/index.h"
+#include "platform/share_paths.h"
 #include "support/db_fixture.h"
 
 namespace {

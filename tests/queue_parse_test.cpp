@@ -3,6 +3,7 @@
 
 #include "daemon/daemon.h"
 #include "daemon/queue.h"
+#include "platform/share_paths.h"
 
 namespace {
 

@@ -15,16 +15,10 @@
 #include "daemon/flags.h"
 #include "daemon/queue.h"
 #include "platform/log.h"
+#include "platform/features.h"
 #include "platform/media_db.h"
 #include "platform/photo_db.h"
 #include "platform/system.h"
-
-std::atomic<int> gIsDirty{0};
-std::atomic<int> gNewSignal{0};
-std::atomic<int> gSignalCount{0};
-std::atomic<int> gSupportCinedock{0};
-std::atomic<int> gSupportPhoto{0};
-time_t gLastVacuumTime = 0;
 
 namespace {
 
@@ -145,11 +139,6 @@ int BecomeDaemon() {
   if (fprintf(pidFile.get(), "%d", static_cast<int>(getpid())) == -1)
     ORVO_LOG("%s(%d): fprintf pid failed. (%s)", strerror(errno));
   return 0;
-}
-
-void NotifyMusicServer() {
-  const int pid = QLIBReadPidFile(kMusicServerPidFile);
-  if (pid > 0) kill(pid, SIGHUP);
 }
 
 int RunDaemon(int argc, char** argv) {

@@ -4,8 +4,6 @@
 #include <ctime>
 
 inline constexpr const char kDaemonPidFile[] = "/var/run/orvoindexd.pid";
-inline constexpr const char kMusicServerPidFile[] = "/var/run/mt-daapd.pid";
-inline constexpr const char kFeatureConfigFile[] = "/etc.defaults/orvoinfo.conf";
 
 // The whole program: --help, start-up, then the main loop, which never
 // returns. Returns only for --help (0).
@@ -23,9 +21,6 @@ void SetDirty(int signo);
 
 // SIGTERM: removes the pid file and ends the process with status 0.
 void OnTerminate(int signo);
-
-// Sends SIGHUP to the music server so it reloads the media database.
-void NotifyMusicServer();
 
 // What one tick of the main loop does, by the two flag words as it finds them.
 enum class TickAction {

@@ -10,23 +10,23 @@
 #include <cstring>
 #include <memory>
 
-#include "daemon/daemon.h"
 #include "daemon/flags.h"
 #include "index/handler_table.h"
 #include "index/index.h"
 #include "photo/photo_index.h"
 #include "photo/photo_share.h"
+#include "platform/features.h"
 #include "platform/log.h"
 #include "platform/media_db.h"
 #include "platform/orvodb.h"
 #include "platform/photo_db.h"
+#include "platform/share_paths.h"
 #include "platform/system.h"
 
 namespace {
 
 constexpr int kRenameAttempts = 16;
 constexpr size_t kLinkSize = 4096;
-constexpr char kPhotoShareLink[] = "/var/services/photo";
 
 struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }
@@ -101,13 +101,6 @@ void TakeQueueOver(const QueueFiles& files) {
 }
 
 }  // namespace
-
-int IsPhotoSharePath(const char* path) {
-  if (path == nullptr || strlen(path) <= 9) return 0;
-  // Only the volume's length is fixed ("/volumeN"); its name is not examined.
-  if (path[8] != '/' || strncasecmp(path + 9, "photo", 5) != 0) return 0;
-  return path[14] == '/' || path[14] == '\0' ? 1 : 0;
-}
 
 QueueLineStatus ParseQueueLine(char* line, size_t length, QueueCommand* command) {
   const bool hasNewline = length > 0 && line[length - 1] == '\n';

@@ -18,9 +18,6 @@ inline constexpr size_t kQueueLineSize = 4112;
 // taken over; then deletes the batch and tells the music server.
 void ProcessIndexingQueue();
 
-// 1 when the path is /volumeN/photo (N one character) or below it, else 0.
-int IsPhotoSharePath(const char* path);
-
 // One line as the queue holds it. `letter` and `argument` point into the
 // caller's line; `argument` is NUL-terminated there.
 struct QueueCommand {

@@ -8,21 +8,20 @@
 #include <cstring>
 #include <memory>
 
-#include "daemon/flags.h"
-#include "daemon/queue.h"
 #include "index/handler_table.h"
-#include "photo/photo_index.h"
+#include "photo/photo_index.h"  // the one upward include: the walk applies the photo update
+#include "platform/features.h"
 #include "platform/log.h"
 #include "platform/media_db.h"
 #include "platform/photo_db.h"
+#include "platform/share_paths.h"
 #include "platform/system.h"
 
 namespace {
 
 constexpr size_t kPathSize = 4096;
 
-const char* const kShareLinks[] = {"/var/services/music", "/var/services/video",
-                                   "/var/services/photo"};
+const char* const kShareLinks[] = {kMusicShareLink, kVideoShareLink, kPhotoShareLink};
 
 struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
@@ -179,16 +178,4 @@ int IndexFolder(const char* path, int operation, int type) {
       ORVO_LOG("%s (%d) Bad parameter.");
       return 0;
   }
-}
-
-int IsInRecycleBin(const char* path) {
-  if (path == nullptr) return 0;
-  // The third '/' starts the component below the share: /volume1/share/#recycle.
-  const char* rest = path;
-  for (int slashes = 0; slashes < 3; ++slashes) {
-    rest = strchr(slashes == 0 ? rest : rest + 1, '/');
-    if (rest == nullptr) return 0;
-  }
-  if (strncmp(rest + 1, "#recycle", 8) != 0) return 0;
-  return rest[9] == '\0' || rest[9] == '/' ? 1 : 0;
 }

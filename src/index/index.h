@@ -1,5 +1,9 @@
 // The index dispatcher and folder walker: one file or directory row
-// (IndexFile), whole trees (IndexFolder), and the recycle-bin test.
+// (IndexFile) and whole trees (IndexFolder).
+//
+// IndexFolder and photo/photo_index.h call each other by design, the one pair
+// of modules that does: the walk applies the photo update to each file, and a
+// photo rename with no rows yet walks the new folder.
 #pragma once
 
 // IndexFile modes.
@@ -12,4 +16,3 @@ enum IndexTypeBits : int { kIndexMediaDb = 1, kIndexPhotoDb = 2, kIndexMusicShar
 int IndexFile(const char* path, int mode);
 int IndexFolder(const char* path, int operation, int type);
 int SaveDirectoryInfo(const char* path);
-int IsInRecycleBin(const char* path);

@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-#include "index/index.h"
+#include "index/index.h"  // the one downward call back: a renamed folder with no rows is walked
 #include "meta/exif.h"
 #include "photo/photo_path.h"
 #include "photo/photo_scoped.h"
@@ -31,6 +31,7 @@
 #include "platform/media_db.h"
 #include "platform/orvodb.h"
 #include "platform/photo_db.h"
+#include "platform/share_paths.h"
 #include "platform/system.h"
 
 int gPhotoShareFsFlag = 0;
@@ -44,7 +45,7 @@ using photo_scoped::IsDirectoryEntry;
 using photo_scoped::PathListOwner;
 using photo_scoped::WorkingFolderRestore;
 
-constexpr const char* kPhotoRootLink = "/var/services/photo";
+constexpr const char* kPhotoRootLink = kPhotoShareLink;
 // Pictures of this size and above are deliberately left out of the photo
 // database (they still reach the media database).
 constexpr int64_t kPhotoSizeLimit = 0x1400000;  // 20 MiB
@@ -80,47 +81,6 @@ PhotoKind KindOfPath(const char* path) {
 }
 
 }  // namespace
-
-// Escaping shared with the album table (photo_sql.h).
-// `text` quoted for a SQL literal (2 × length + 1 bytes); null, logged, on
-// failure.
-CText QuoteSql(const char* text) {
-  size_t length = strlen(text);
-  size_t size = 2 * length + 1;
-  CText out(static_cast<char*>(malloc(size)));
-  if (!out) {
-    ORVO_LOG("%s (%d) Failed to malloc(%d)", static_cast<int>(size));
-    return nullptr;
-  }
-  if (ORVODBEscapeString(out.get(), text, length) < 0) {
-    ORVO_LOG("%s (%d) Failed to escape condition.");
-    return nullptr;
-  }
-  return out;
-}
-
-// An already quoted text escaped once more for a LIKE pattern
-// (3 × length + 1 bytes); null, logged, on failure.
-CText EscapeLike(const char* quoted) {
-  size_t size = 3 * strlen(quoted) + 1;
-  CText out(static_cast<char*>(malloc(size)));
-  if (!out) {
-    ORVO_LOG("%s (%d) Failed to malloc(%d)", static_cast<int>(size));
-    return nullptr;
-  }
-  if (ORVODBEscapeBackslash(out.get(), size, quoted) < 0) {
-    ORVO_LOG("%s (%d) Failed to escape condition.");
-    return nullptr;
-  }
-  return out;
-}
-
-// Quoted, then escaped once more for a LIKE pattern.
-CText QuotedLike(const char* path) {
-  CText quoted = QuoteSql(path);
-  if (!quoted) return nullptr;
-  return EscapeLike(quoted.get());
-}
 
 int SanitizePhotoInfo(PhotoInfo* info) {
   if (info == nullptr) {

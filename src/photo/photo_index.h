@@ -1,6 +1,11 @@
 // The photo database side of the photo share: one picture's photo row, and
 // the upkeep of photo and video-application rows when files are added,
 // removed, renamed or swept.
+//
+// This module and index/index.h call each other by design, the one pair of
+// modules that does: the walk applies the photo update to each file
+// (ORVOPhotoIndexUpdate), and a photo rename with no rows yet walks the new
+// folder (ORVOPhotoRenamePath -> IndexFolder).
 #pragma once
 
 #include "platform/photo_info.h"

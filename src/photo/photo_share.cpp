@@ -23,6 +23,7 @@
 #include "platform/log.h"
 #include "platform/orvodb.h"
 #include "platform/photo_db.h"
+#include "platform/share_paths.h"
 #include "platform/system.h"
 
 namespace {
@@ -33,7 +34,7 @@ using photo_scoped::HandleOwner;
 using photo_scoped::IsDirectoryEntry;
 using photo_scoped::WorkingFolderRestore;
 
-constexpr const char* kPhotoRootLink = "/var/services/photo";
+constexpr const char* kPhotoRootLink = kPhotoShareLink;
 constexpr const char* kAlbumConfig = "/etc/orvoinfo.conf";
 // Share names start after this many characters, the length of
 // "/volume1/photo/", whatever the path holds there. Deliberate: every stored

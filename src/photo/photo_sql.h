@@ -1,12 +1,18 @@
 // Escaping of paths and share names for the photo database's statements, as
 // every photo routine does it: quoted for a literal into 2 × length + 1 bytes,
 // and for a LIKE pattern escaped once more into 3 × length + 1 bytes. Each
-// returns null, with the failure logged, when a buffer or an escape fails.
+// returns null, with the failure logged under the caller's source file, when
+// a buffer or an escape fails. Used by the photo rows (photo_index) and the
+// album table (photo_share) alike.
 #pragma once
+
+#include <source_location>
 
 #include "photo/photo_scoped.h"
 
-photo_scoped::CText QuoteSql(const char* text);
-photo_scoped::CText EscapeLike(const char* text);
+photo_scoped::CText QuoteSql(const char* text, std::source_location caller = std::source_location::current());
+// An already quoted text escaped once more for a LIKE pattern.
+photo_scoped::CText EscapeLike(const char* quoted,
+                               std::source_location caller = std::source_location::current());
 // QuoteSql, then EscapeLike: the form of nearly every LIKE condition.
-photo_scoped::CText QuotedLike(const char* text);
+photo_scoped::CText QuotedLike(const char* text, std::source_location caller = std::source_location::current());

@@ -140,6 +140,11 @@ int QLIBReadPidFile(const char* path) {
   return static_cast<int>(pid);
 }
 
+void NotifyMusicServer() {
+  const int pid = QLIBReadPidFile(kMusicServerPidFile);
+  if (pid > 0) kill(pid, SIGHUP);
+}
+
 void QLIBCopyright() {
   printf("orvoindexd %s\n", ORVO_VERSION);
   printf("Media and photo indexing daemon for the storage appliance.\n");

@@ -1,5 +1,6 @@
 // System services the appliance's SDK library provides: configuration files,
-// pid files, the product banner, file tests and the thumbnail service.
+// pid files, the product banner, file tests, the thumbnail service and the
+// music server's reload signal.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +16,12 @@ int QLIBFileGetKeyValue(const char* file, const char* key, char* out, int outSiz
 // The decimal pid at the start of the file (trailing blanks and a newline are
 // allowed); 0 or negative when there is none.
 int QLIBReadPidFile(const char* path);
+
+inline constexpr const char kMusicServerPidFile[] = "/var/run/mt-daapd.pid";
+
+// Sends SIGHUP to the music server (the pid in kMusicServerPidFile) so that it
+// reloads the media database; nothing when it does not run.
+void NotifyMusicServer();
 
 // Prints the product banner (name, version, licence line) to standard output.
 void QLIBCopyright();
