@@ -15,7 +15,8 @@ namespace {
 constexpr int kMaxTopLevelBoxes = 4096;
 constexpr int kMaxChildren = 4096;  // per container box
 // A sample size table longer than this (days of audio) is not summed to its
-// end: the average of the entries read stands for the rest.
+// end; there, and in a table cut short, the average of the entries read
+// stands for the rest.
 constexpr uint32_t kMaxSummedSamples = 1u << 22;
 
 constexpr uint32_t Fourcc(const char (&s)[5]) {
