@@ -1,6 +1,5 @@
-// The library-backed readers (the libavformat probe, the MP4 reader, the
-// FLAC reader) on arbitrary bytes, through a temporary file since they read
-// by path.
+// The readers that take a path (the libavformat probe, the MP4 reader's
+// file path, the FLAC reader) on arbitrary bytes, through a temporary file.
 #include <stdlib.h>
 #include <unistd.h>
 

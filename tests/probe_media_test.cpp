@@ -1,4 +1,4 @@
-// The audio and video handlers (probe, MP4, MPEG video) on built and ffmpeg-made files and the corpus.
+// The audio and video handlers (probe, MPEG video) on built and ffmpeg-made files and the corpus.
 #include <unistd.h>
 
 #include "formats_testutil.h"
@@ -153,7 +153,7 @@ TEST(FormatsCorpus, EveryFileFillsAndMatchesTheToolsWhereTheyAgree) {
   EXPECT_GT(compared, 60);
 }
 
-// Deliberately unlike the tools: a data stream ends our loop; a refused AIFF keeps channels; M4A: time scale.
+// Deliberately unlike the tools: a data stream ends our loop; a refused AIFF keeps channels.
 TEST(FormatsCorpus, DeliberateDifferencesFromTheTools) {
   if (CorpusFiles("flac").empty()) GTEST_SKIP() << "no corpus under " << CorpusDir();
   orvo::test::LogCapture log;
@@ -161,7 +161,6 @@ TEST(FormatsCorpus, DeliberateDifferencesFromTheTools) {
   EXPECT_TRUE(log.Contains("Invalid stream type."));
   MediaInfo aiff = FillCorpus(FillAiffRecord, "aiff/invalid_sample_rate.aiff");
   EXPECT_EQ(aiff.channels * 100000 + aiff.frequency, 100000);
-  EXPECT_EQ(FillCorpus(FillMp4Record, "mp4/QuickTime.m4a").frequency, 90000) << "the tools report 32000";
 }
 
 // The playlist handler: name, folder and size only; its remover says 0 even when the database fails.
@@ -197,62 +196,6 @@ TEST(PlaylistRemover, ExistingFileRefusedGoneFileAlwaysSucceeds) {
   EXPECT_TRUE(log.Contains("Failed to remove " + path + " from database."));
 }
 
-
-// MP4 audio: track choice, tags before defaults, and files that are no MP4 at all.
-const std::string kMono = kSine + "44100:duration=3 ";
-
-MediaInfo Mp4(const std::string& path) { return Filled(FillMp4Record, path); }
-
-std::string Text(const MediaInfo& m) {
-  return std::string(m.title) + "|" + m.album + "|" + m.artist + "|" + m.genre + "|" + m.year + "|" +
-         std::to_string(m.track);
-}
-
-TEST(Mp4Tags, TagsWinAndDefaultsFillOnlyEmptyFields) {
-  REQUIRE_FFMPEG();
-  TempDir dir;
-  std::string tagged = dir.File("Albums/tagged.m4a"), bare = dir.File("Albums/song.live.m4a");
-  ASSERT_TRUE(Ffmpeg(kMono + "-c:a aac -metadata title=Name -metadata album=Record -metadata artist=Band "
-                     "-metadata genre=Pop -metadata date=2011 -metadata track=3/12 " + tagged));
-  ASSERT_TRUE(Ffmpeg(kMono + "-c:a aac -metadata artist=Band " + bare));
-  EXPECT_EQ(Text(Mp4(tagged)), "Name|Record|Band|Pop|2011|3");
-  EXPECT_EQ(Text(Mp4(bare)), "song.live|Albums|Band|||0");
-}
-
-TEST(Mp4Tracks, FirstSoundTrackLastVideoTrackVideoDurationAndNoCoverArt) {
-  REQUIRE_FFMPEG();
-  TempDir dir;
-  std::string path = dir.File("m/tracks.m4a"), cover = dir.File("c/cover.png"), covered = dir.File("c/covered.m4a");
-  ASSERT_TRUE(Ffmpeg(kMono + "-f lavfi -i sine=sample_rate=48000:duration=3 -ac 2 "
-                     "-f lavfi -i testsrc=duration=2:size=160x120:rate=10 "
-                     "-f lavfi -i testsrc=duration=2:size=320x240:rate=10 -map 0 -map 1 -map 2 -map 3 "
-                     "-c:a aac -c:v mpeg4 -f mp4 " + path));
-  MediaInfo m = Mp4(path);
-  EXPECT_EQ(m.channels, 1);       // the first sound track, not the stereo one
-  EXPECT_EQ(m.frequency, 44100);  // its time scale
-  EXPECT_EQ(m.width * 1000 + m.height, 320240);  // the last video track
-  EXPECT_EQ(m.duration, 2.0f);    // the video track's, not the sound track's 3
-  EXPECT_GT(m.video_bitrate, 0);
-  ASSERT_TRUE(Ffmpeg("-f lavfi -i color=c=red:size=16x16 -frames:v 1 " + cover));
-  ASSERT_TRUE(Ffmpeg(kMono + "-i " + cover + " -map 0 -map 1 -c:a aac -c:v png -disposition:v attached_pic " + covered));
-  m = Mp4(covered);
-  EXPECT_EQ(m.width + m.video_bitrate, 0);
-  EXPECT_EQ(m.duration, 3.0f);
-}
-
-TEST(Mp4NotMp4, AdtsAacIsSavedWithDefaultsAndLoggedTwice) {
-  REQUIRE_FFMPEG();
-  TempDir dir;
-  std::string path = dir.File("Radio/stream.aac");
-  ASSERT_TRUE(Ffmpeg(kMono + "-c:a aac -f adts " + path));
-  orvo::test::LogCapture log;
-  MediaInfo m = Mp4(path);
-  EXPECT_EQ(log.Count("Failed to parse music metadata."), 2) << "once by the reader, once by the record filler";
-  EXPECT_EQ(Text(m), "stream|Radio||||0");
-  EXPECT_EQ(m.frequency, 0);
-  EXPECT_EQ(RemoveMp4(path.c_str()), -1);
-  EXPECT_TRUE(log.Contains("File exists. Skip remove it from database."));
-}
 
 // The MPEG video parser and VCD handler: sequence headers built here, streams made with ffmpeg.
 std::string SequenceHeader(unsigned width, unsigned height, int aspect, int rate_code, unsigned bitrate_value) {

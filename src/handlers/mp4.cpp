@@ -1,97 +1,58 @@
-// MP4 audio (m4a, aac, m4p) through libavformat's MOV demuxer: the first sound
+// MP4 audio (m4a, aac, m4p) through our own box reader: the first sound
 // track gives the audio values, the last video track the picture size, and
 // the iTunes tags come before the file-name defaults.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+#include <string>
 
 #include "handlers/formats.h"
 #include "handlers/handlers.h"
 #include "handlers/record_defaults.h"
-#include "meta/metamedia.h"
+#include "meta/mp4_reader.h"
 #include "platform/log.h"
 #include "platform/media_db.h"
 #include "platform/system.h"
+#include "platform/text_encoding.h"
 
 namespace {
 
-// Whole seconds of the track's media duration in its own time scale; an
-// unknown duration is 0.
-int32_t TrackSeconds(const AVStream* st) {
-  if (st->duration == AV_NOPTS_VALUE || st->duration < 0 || st->time_base.den <= 0) return 0;
-  return static_cast<int32_t>(st->duration / st->time_base.den);
-}
-
-AVFormatContext* OpenMov(const char* path) {
-  const AvLibrary* av = LoadAv();
-  if (av == nullptr) return nullptr;
-  const AVInputFormat* mov = av->findInputFormat("mov");
-  AVDictionary* options = nullptr;
-  // The track's own media duration is what the record stores, edits aside.
-  av->dictSet(&options, "ignore_editlist", "1", 0);
-  // Chapter lists are read by walking the whole file; we never use them.
-  av->dictSet(&options, "ignore_chapters", "1", 0);
-  AVFormatContext* ctx = nullptr;
-  int rc = av->openInput(&ctx, path, mov, &options);
-  av->dictFree(&options);
-  return rc < 0 ? nullptr : ctx;
-}
-
-void CopyTag(char* field, size_t bound, const char* text) {
-  if (text != nullptr) snprintf(field, bound, "%s", text);
+// The whole tag text goes through the conversion, so a long title is cut at
+// a whole UTF-8 character and never taken for Latin-1.
+void CopyTag(char* field, size_t bound, const std::string& text) {
+  if (!text.empty()) orvo::ToUtf8Field(text.data(), text.size(), false, field, bound);
 }
 
 }  // namespace
 
 int ReadMp4Info(const char* path, MediaInfo* info) {
-  AvInput ctx(OpenMov(path));
-  if (!ctx) {
+  Mp4Info mp4;
+  Mp4Result result = ReadMp4File(path, &mp4);
+  if (result == Mp4Result::kNotMp4) {
     ORVO_LOG("%s (%d) Failed to parse music metadata.");
     return -1;
   }
-  // Cover pictures show up as streams but are no tracks of the file.
-  const AVStream* sound = nullptr;
-  const AVStream* video = nullptr;
-  unsigned tracks = 0;
-  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
-    const AVStream* st = ctx->streams[i];
-    if (IsSideStream(st)) continue;
-    ++tracks;
-    // First sound track, last video track: the asymmetry is deliberate.
-    if (st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && sound == nullptr) sound = st;
-    if (st->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) video = st;
-  }
-  if (tracks == 0) {
+  if (result == Mp4Result::kNoTracks) {
     ORVO_LOG("%s (%d) No tracks in mp4.");
     return -1;
   }
-  if (sound != nullptr) {
-    int channels = sound->codecpar->ch_layout.nb_channels;
-    info->channels = channels < 0 ? 0 : channels;
-    info->duration = static_cast<float>(TrackSeconds(sound));
+  if (mp4.sound.found) {
+    info->channels = mp4.sound.channels < 0 ? 0 : mp4.sound.channels;
+    info->duration = static_cast<float>(Mp4TrackSeconds(mp4.sound));
     // The track's time scale stands in for the sample rate.
-    info->frequency = sound->time_base.den;
-    info->bitrate = static_cast<int32_t>(sound->codecpar->bit_rate);
+    info->frequency = static_cast<int32_t>(mp4.sound.time_scale);
+    info->bitrate = static_cast<int32_t>(Mp4TrackBitRate(mp4.sound));
   }
-  if (video != nullptr && video->codecpar->width == 0) {
-    // The demuxer leaves the size of MPEG-4 Visual, H.263 and H.261 tracks to
-    // their decoder; only then is the costly stream analysis worth it.
-    LoadAv()->findStreamInfo(ctx.get(), nullptr);
+  if (mp4.video.found) {
+    info->duration = static_cast<float>(Mp4TrackSeconds(mp4.video));
+    info->video_bitrate = static_cast<int32_t>(Mp4TrackBitRate(mp4.video));
+    info->width = mp4.video.width;
+    info->height = mp4.video.height;
   }
-  if (video != nullptr) {
-    info->duration = static_cast<float>(TrackSeconds(video));
-    info->video_bitrate = static_cast<int32_t>(video->codecpar->bit_rate);
-    info->width = video->codecpar->width;
-    info->height = video->codecpar->height;
-  }
-  ContainerTags tags = GetContainerTags(ctx.get());
-  CopyTag(info->title, sizeof info->title, tags.title);
-  CopyTag(info->album, sizeof info->album, tags.album);
-  CopyTag(info->artist, sizeof info->artist, tags.artist);
-  CopyTag(info->genre, sizeof info->genre, tags.genre);
-  CopyTag(info->year, sizeof info->year, tags.date);
-  // "3/12" is track 3; the total is dropped.
-  if (tags.track != nullptr) info->track = atoi(tags.track);
+  CopyTag(info->title, sizeof info->title, mp4.tags.title);
+  CopyTag(info->album, sizeof info->album, mp4.tags.album);
+  CopyTag(info->artist, sizeof info->artist, mp4.tags.artist);
+  CopyTag(info->genre, sizeof info->genre, mp4.tags.genre);
+  CopyTag(info->year, sizeof info->year, mp4.tags.year);
+  info->track = mp4.tags.track;
   return 0;
 }
 

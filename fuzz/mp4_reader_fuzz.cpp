@@ -1,0 +1,22 @@
+// The MP4 box reader on arbitrary bytes, from memory.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "meta/mp4_reader.h"
+#include "platform/text_encoding.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Mp4Info info;
+  if (ReadMp4Memory(data, size, &info) != Mp4Result::kOk) return 0;
+  // The conversions the record filler makes must stay defined.
+  volatile int64_t values = Mp4TrackSeconds(info.sound) + Mp4TrackBitRate(info.sound) + Mp4TrackSeconds(info.video) +
+                            Mp4TrackBitRate(info.video) + info.sound.channels + info.video.width;
+  (void)values;
+  char field[255];
+  for (const std::string* text : {&info.tags.title, &info.tags.album, &info.tags.artist, &info.tags.genre,
+                                  &info.tags.year}) {
+    orvo::ToUtf8Field(text->data(), text->size(), false, field, sizeof field);
+  }
+  return 0;
+}
