@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "index/handler_table.h"
+#include "index/reindex.h"
 #include "photo/photo_index.h"  // the one upward include: the walk applies the photo update
 #include "platform/features.h"
 #include "platform/log.h"
@@ -166,6 +167,11 @@ int IndexFolder(const char* path, int operation, int type) {
     case kFolderReindexShares:
       if (type != kIndexMediaDb && type != kIndexMusicShareOnly) {
         ORVO_LOG("%s (%d) index type must be ORVOINDEX_MEDIA");
+        return 0;
+      }
+      // A deliberate departure when switched on: the shares are compared with their rows, not emptied.
+      if (IncrementalReindexWanted()) {
+        ReindexSharesIncrementally(type == kIndexMediaDb);
         return 0;
       }
       ReindexShare(kShareLinks[0]);
