@@ -124,7 +124,7 @@ bool Confine() {
   for (int nr : {SCMP_SYS(read), SCMP_SYS(pread64), SCMP_SYS(lseek), SCMP_SYS(close), SCMP_SYS(munmap),
                  SCMP_SYS(mremap), SCMP_SYS(brk), SCMP_SYS(madvise), SCMP_SYS(futex), SCMP_SYS(sched_yield),
                  SCMP_SYS(clock_gettime), SCMP_SYS(gettimeofday), SCMP_SYS(getpid), SCMP_SYS(gettid),
-                 SCMP_SYS(getuid), SCMP_SYS(geteuid), SCMP_SYS(getrandom), SCMP_SYS(rt_sigreturn),
+                 SCMP_SYS(getuid), SCMP_SYS(getrandom), SCMP_SYS(rt_sigreturn),
                  SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigaction), SCMP_SYS(sigaltstack), SCMP_SYS(exit),
                  SCMP_SYS(exit_group)}) {
     allow(nr);
