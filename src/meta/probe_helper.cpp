@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <malloc.h>
 #include <poll.h>
 #include <pwd.h>
 #include <seccomp.h>
@@ -208,6 +209,11 @@ ProbeRequest gRequest;
   const rlimit noCore{0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
   const bool testFaults = getenv(kProbeHelperTestVariable) != nullptr;
+  // Every probe allocates and frees about the same memory: keep it rather
+  // than hand it back to the system and fault it in again for the next file
+  // (a tenth of a small probe's time). Blocks past 32 MiB still come and go.
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, 64 << 20);
 
   memset(&gReply, 0, sizeof gReply);
   orvo::SetLogCapture(CaptureIntoReply, &gReply);
