@@ -79,7 +79,8 @@ TEST_F(ProbeHelperSandbox, CrashAndHangCostOneFileEachAndTheRunGoesOn) {
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select title, frequency, channels from music order by path"),
             (Rows{{"AfterCrash", "22050", "1"}, {"AfterHang", "22050", "1"}, {"crash", "0", "0"}, {"hang", "0", "0"}}));
   EXPECT_EQ(SandboxLogCount("The probe helper ended (signal 4) while reading [" + folder + "/crash.ogg]."), 1);
-  EXPECT_EQ(SandboxLogCount("The probe helper took more than 5 seconds on [" + folder + "/hang.ogg] and was stopped."), 1);
+  EXPECT_EQ(SandboxLogCount("The probe helper took more than 5 seconds on [" + folder + "/hang.ogg] and was stopped."),
+            1);
   for (const char* name : {"crash", "hang"}) {
     EXPECT_EQ(SandboxLogCount("Failed to get Misc Media Info from [" + folder + "/" + name + ".ogg]."), 1);
     EXPECT_EQ(SandboxLogCount("Failed to parse music metadata from file [" + folder + "/" + name + ".ogg]."), 1);

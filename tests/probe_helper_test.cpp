@@ -160,8 +160,8 @@ TEST_F(ProbeHelper, ReplyTouchesOnlyTheProbedFields) {
   EXPECT_STREQ(info.title, "Fields");
   EXPECT_EQ(memcmp(info.path, before.path, sizeof info.path), 0);
   EXPECT_EQ(info.filesize, 12345);
-  EXPECT_EQ(memcmp(info.camera_make, before.camera_make, offsetof(MediaInfo, duration) - offsetof(MediaInfo, camera_make)),
-            0);
+  const size_t photoFields = offsetof(MediaInfo, duration) - offsetof(MediaInfo, camera_make);
+  EXPECT_EQ(memcmp(info.camera_make, before.camera_make, photoFields), 0);
   EXPECT_EQ(memcmp(&info.reserved1, &before.reserved1, sizeof info - offsetof(MediaInfo, reserved1)), 0);
 }
 

@@ -32,8 +32,8 @@ namespace {
 
 // ---------------------------------------------------------------------------
 // The protocol: one request (with the file's descriptor attached) and one
-// reply per file, each a single message of fixed size on a SOCK_SEQPACKET
-// pair.
+// reply per file, each a single message on a SOCK_SEQPACKET pair. The
+// request has a fixed size; the reply is sent up to the end of its text.
 
 constexpr uint32_t kRequestMagic = 0x4f525251;  // "ORRQ"
 constexpr uint32_t kReplyMagic = 0x4f525250;    // "ORRP"
@@ -53,9 +53,12 @@ struct ProbeReply {
   uint32_t sequence;  // the request's
   int32_t result;     // 0 or -1
   uint32_t message_count;
+  uint32_t text_bytes;  // of `text` that were sent
   MediaInfo info;
-  char messages[kMaxMessages][kMessageBytes];
+  char text[kMaxMessages * kMessageBytes];  // the messages, each ending in '\0'
 };
+
+size_t ReplySize(const ProbeReply& reply) { return offsetof(ProbeReply, text) + reply.text_bytes; }
 
 // The socket's descriptor number inside the helper, fixed so that the
 // filter can allow messages on it and on nothing else.
@@ -67,8 +70,12 @@ constexpr int kHelperSocket = 3;
 // Messages logged in the helper go into the reply being built.
 void CaptureIntoReply(const char* message, void* context) {
   auto* reply = static_cast<ProbeReply*>(context);
-  if (reply->message_count >= kMaxMessages) return;
-  snprintf(reply->messages[reply->message_count++], kMessageBytes, "%s", message);
+  size_t length = strnlen(message, kMessageBytes - 1);
+  if (reply->message_count >= kMaxMessages || reply->text_bytes + length + 1 > sizeof reply->text) return;
+  memcpy(reply->text + reply->text_bytes, message, length);
+  reply->text[reply->text_bytes + length] = '\0';
+  reply->text_bytes += static_cast<uint32_t>(length + 1);
+  ++reply->message_count;
 }
 
 // Closes every descriptor but standard error (where sanitizer reports go; the
@@ -252,12 +259,12 @@ ProbeRequest gRequest;
       gReply.result = ProbeDescriptor(fd, gRequest.path, &gReply.info, mode);
     }
     close(fd);
-    iovec out{&gReply, sizeof gReply};
+    iovec out{&gReply, ReplySize(gReply)};
     msghdr reply{};
     reply.msg_iov = &out;
     reply.msg_iovlen = 1;
-    if (sendmsg(kHelperSocket, &reply, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof gReply)) _exit(0);
-    memset(&gReply, 0, offsetof(ProbeReply, messages));
+    if (sendmsg(kHelperSocket, &reply, MSG_NOSIGNAL) != static_cast<ssize_t>(out.iov_len)) _exit(0);
+    memset(&gReply, 0, offsetof(ProbeReply, text));
   }
 }
 
@@ -406,9 +413,11 @@ int ReadReply(uint32_t sequence) {
     n = recvmsg(gHelper.socket, &msg, MSG_DONTWAIT);
   } while (n < 0 && errno == EINTR);
   if (n <= 0) return 0;
-  if (n != static_cast<ssize_t>(sizeof gReceived) || (msg.msg_flags & MSG_TRUNC) != 0 ||
+  if (n < static_cast<ssize_t>(offsetof(ProbeReply, text)) || (msg.msg_flags & MSG_TRUNC) != 0 ||
       gReceived.magic != kReplyMagic || gReceived.sequence != sequence ||
-      (gReceived.result != 0 && gReceived.result != -1) || gReceived.message_count > kMaxMessages) {
+      (gReceived.result != 0 && gReceived.result != -1) || gReceived.message_count > kMaxMessages ||
+      gReceived.text_bytes > sizeof gReceived.text || static_cast<size_t>(n) != ReplySize(gReceived) ||
+      (gReceived.text_bytes > 0 && gReceived.text[gReceived.text_bytes - 1] != '\0')) {
     return -1;
   }
   return 1;
@@ -417,7 +426,7 @@ int ReadReply(uint32_t sequence) {
 }  // namespace
 
 int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
-  // Deliberate departure: libavformat no longer runs in the daemon, so that no file can crash or hang it or have it open other files.
+  // Deliberate departure: libavformat no longer runs in the daemon, so no file can crash, hang or steer it.
   static ProbeRequest request;
   memset(&request, 0, sizeof request);
   request.magic = kRequestMagic;
@@ -456,9 +465,11 @@ int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
     }
     return -1;
   }
-  for (uint32_t i = 0; i < gReceived.message_count; ++i) {
-    gReceived.messages[i][kMessageBytes - 1] = '\0';
-    orvo::Log("%s", gReceived.messages[i]);
+  // The text ends in '\0' (checked), so every message does.
+  const char* message = gReceived.text;
+  for (uint32_t i = 0; i < gReceived.message_count && message < gReceived.text + gReceived.text_bytes; ++i) {
+    orvo::Log("%s", message);
+    message += strlen(message) + 1;
   }
   CopyProbedFields(gReceived.info, info);
   return gReceived.result;
