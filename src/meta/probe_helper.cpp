@@ -202,10 +202,9 @@ int AttachedDescriptor(msghdr* msg) {
   return fd;
 }
 
-ProbeReply gReply;  // the helper's reply under construction (38 KiB: not on the stack)
-ProbeRequest gRequest;
-
 [[noreturn]] void ServeProbes(int socket, pid_t daemon) {
+  static ProbeRequest request;
+  static ProbeReply reply;  // 38 KiB: not on the stack
   // Goes when the daemon goes, even if it never closes its end.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != daemon) _exit(0);
@@ -222,8 +221,8 @@ ProbeRequest gRequest;
   mallopt(M_MMAP_THRESHOLD, 32 << 20);
   mallopt(M_TRIM_THRESHOLD, 64 << 20);
 
-  memset(&gReply, 0, sizeof gReply);
-  orvo::SetLogCapture(CaptureIntoReply, &gReply);
+  memset(&reply, 0, sizeof reply);
+  orvo::SetLogCapture(CaptureIntoReply, &reply);
   // Everything that opens files comes before the filter: the library and its
   // dependencies, the user database.
   LoadAv();
@@ -235,7 +234,7 @@ ProbeRequest gRequest;
 
   // Until the daemon closes its end or goes; every request is one file.
   for (;;) {
-    iovec iov{&gRequest, sizeof gRequest};
+    iovec iov{&request, sizeof request};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 4)];
     msghdr msg{};
     msg.msg_iov = &iov;
@@ -245,26 +244,26 @@ ProbeRequest gRequest;
     ssize_t n = recvmsg(kHelperSocket, &msg, MSG_CMSG_CLOEXEC);
     if (n < 0 && errno == EINTR) continue;
     int fd = n > 0 ? AttachedDescriptor(&msg) : -1;
-    if (n != static_cast<ssize_t>(sizeof gRequest) || gRequest.magic != kRequestMagic || fd < 0) _exit(n == 0 ? 0 : 1);
+    if (n != static_cast<ssize_t>(sizeof request) || request.magic != kRequestMagic || fd < 0) _exit(n == 0 ? 0 : 1);
 
-    gReply.magic = kReplyMagic;
-    gReply.sequence = gRequest.sequence;
-    gRequest.path[sizeof gRequest.path - 1] = '\0';
-    gReply.info = gRequest.info;
-    gReply.result = -1;
+    reply.magic = kReplyMagic;
+    reply.sequence = request.sequence;
+    request.path[sizeof request.path - 1] = '\0';
+    reply.info = request.info;
+    reply.result = -1;
     if (confined) {
       if (testFaults) RunTestFault(fd);
-      ProbeMode mode = gRequest.mode == static_cast<int32_t>(ProbeMode::kLibraryDefaults) ? ProbeMode::kLibraryDefaults
+      ProbeMode mode = request.mode == static_cast<int32_t>(ProbeMode::kLibraryDefaults) ? ProbeMode::kLibraryDefaults
                                                                                            : ProbeMode::kTuned;
-      gReply.result = ProbeDescriptor(fd, gRequest.path, &gReply.info, mode);
+      reply.result = ProbeDescriptor(fd, request.path, &reply.info, mode);
     }
     close(fd);
-    iovec out{&gReply, ReplySize(gReply)};
-    msghdr reply{};
-    reply.msg_iov = &out;
-    reply.msg_iovlen = 1;
-    if (sendmsg(kHelperSocket, &reply, MSG_NOSIGNAL) != static_cast<ssize_t>(out.iov_len)) _exit(0);
-    memset(&gReply, 0, offsetof(ProbeReply, text));
+    iovec out{&reply, ReplySize(reply)};
+    msghdr sent{};
+    sent.msg_iov = &out;
+    sent.msg_iovlen = 1;
+    if (sendmsg(kHelperSocket, &sent, MSG_NOSIGNAL) != static_cast<ssize_t>(out.iov_len)) _exit(0);
+    memset(&reply, 0, offsetof(ProbeReply, text));
   }
 }
 
@@ -399,11 +398,9 @@ void CopyProbedFields(const MediaInfo& from, MediaInfo* to) {
   to->height = from.height;
 }
 
-ProbeReply gReceived;  // the daemon's copy of the last reply
-
-// Reads the reply to request `sequence`: 1 read, 0 the helper is gone, -1 malformed.
-int ReadReply(uint32_t sequence) {
-  iovec iov{&gReceived, sizeof gReceived};
+// Reads the reply to request `sequence` into `reply`: 1 read, 0 the helper is gone, -1 malformed.
+int ReadReply(uint32_t sequence, ProbeReply& reply) {
+  iovec iov{&reply, sizeof reply};
   msghdr msg{};
   msg.msg_iov = &iov;
   msg.msg_iovlen = 1;
@@ -414,10 +411,10 @@ int ReadReply(uint32_t sequence) {
   } while (n < 0 && errno == EINTR);
   if (n <= 0) return 0;
   if (n < static_cast<ssize_t>(offsetof(ProbeReply, text)) || (msg.msg_flags & MSG_TRUNC) != 0 ||
-      gReceived.magic != kReplyMagic || gReceived.sequence != sequence ||
-      (gReceived.result != 0 && gReceived.result != -1) || gReceived.message_count > kMaxMessages ||
-      gReceived.text_bytes > sizeof gReceived.text || static_cast<size_t>(n) != ReplySize(gReceived) ||
-      (gReceived.text_bytes > 0 && gReceived.text[gReceived.text_bytes - 1] != '\0')) {
+      reply.magic != kReplyMagic || reply.sequence != sequence ||
+      (reply.result != 0 && reply.result != -1) || reply.message_count > kMaxMessages ||
+      reply.text_bytes > sizeof reply.text || static_cast<size_t>(n) != ReplySize(reply) ||
+      (reply.text_bytes > 0 && reply.text[reply.text_bytes - 1] != '\0')) {
     return -1;
   }
   return 1;
@@ -453,7 +450,8 @@ int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
              path);
     return -1;
   }
-  int read = ReadReply(request.sequence);
+  static ProbeReply reply;
+  int read = ReadReply(request.sequence, reply);
   if (read <= 0) {
     int status = StopHelper();
     if (read == 0) {
@@ -466,13 +464,13 @@ int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
     return -1;
   }
   // The text ends in '\0' (checked), so every message does.
-  const char* message = gReceived.text;
-  for (uint32_t i = 0; i < gReceived.message_count && message < gReceived.text + gReceived.text_bytes; ++i) {
+  const char* message = reply.text;
+  for (uint32_t i = 0; i < reply.message_count && message < reply.text + reply.text_bytes; ++i) {
     orvo::Log("%s", message);
     message += strlen(message) + 1;
   }
-  CopyProbedFields(gReceived.info, info);
-  return gReceived.result;
+  CopyProbedFields(reply.info, info);
+  return reply.result;
 }
 
 pid_t ProbeHelperPid() { return gHelper.owner == getpid() ? gHelper.pid : 0; }

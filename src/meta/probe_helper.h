@@ -3,7 +3,7 @@
 // It is forked from this process when the first file needs the probe and
 // lives as long as this process. This process opens each file and hands the
 // descriptor over a socket; the helper reads through that descriptor only
-// and answers with a fixed record: the probed fields and the messages the
+// and answers with a plain record: the probed fields and the messages the
 // probe logged, which are logged here in the same words.
 //
 // The helper ("orvoprobe" in ps) closes every inherited descriptor, loads
