@@ -126,6 +126,20 @@ TEST_F(ProbeHelper, CrashCostsOneFileAndTheNextFileIsRead) {
   EXPECT_NE(ProbeHelperPid(), first);
 }
 
+// A reply of the wrong size gets the helper stopped; the late real reply is never taken for the next file's.
+TEST_F(ProbeHelper, NonsenseReplyStopsTheHelperAndTheNextFileGetsItsOwnReply) {
+  REQUIRE_FFMPEG();
+  std::string nonsense = dir_.File("music/nonsense.ogg"), next = TaggedOgg("music/next.ogg", "Next");
+  std::ofstream(nonsense) << "ORVO-TEST-NONSENSE";
+  orvo::test::LogCapture log;
+  MediaInfo m = Probe(nonsense, -1);
+  EXPECT_TRUE(log.Contains("The probe helper answered nonsense for [" + nonsense + "] and was stopped."));
+  EXPECT_EQ(ProbeHelperPid(), 0);
+  m = Probe(next, 0);
+  EXPECT_STREQ(m.title, "Next");
+  EXPECT_FALSE(log.Contains("Failed to av_open_input_file() file [" + nonsense + "]."));
+}
+
 // One helper serves every file; one that died while idle is replaced and the file is still read.
 TEST_F(ProbeHelper, HelperKilledWhileIdleIsReplacedWithoutLosingTheFile) {
   REQUIRE_FFMPEG();

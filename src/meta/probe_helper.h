@@ -38,6 +38,7 @@ pid_t ProbeHelperPid();
 // starting with one of these makes the helper misbehave on purpose:
 //   "ORVO-TEST-CRASH"       crashes it (an illegal instruction)
 //   "ORVO-TEST-HANG"        blocks it until it is killed
+//   "ORVO-TEST-NONSENSE"    makes it send a short message before its reply
 //   "ORVO-TEST-OPEN <path>" makes it try to open <path>, and log the outcome
 //                           and its user id, before the normal probe
 // Nothing else reads the variable; the daemon never sets it.
