@@ -1,5 +1,8 @@
 // The readers that take a path (the libavformat probe, the MP4 reader's
 // file path, the FLAC reader) on arbitrary bytes, through a temporary file.
+// The probe runs here, in the fuzzer's process, as the probe helper runs it:
+// over the file's descriptor.
+#include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -34,7 +37,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fwrite(data, 1, size, f);
   fclose(f);
   MediaInfo info{};
-  ReadMediaInfo(gPath.c_str(), &info);
+  int fd = open(gPath.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd >= 0) {
+    ProbeDescriptor(fd, gPath.c_str(), &info, ProbeMode::kTuned);
+    close(fd);
+  }
   MediaInfo mp4{};
   ReadMp4Info(gPath.c_str(), &mp4);
   MediaInfo flac{};

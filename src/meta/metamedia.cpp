@@ -1,7 +1,11 @@
 #include "meta/metamedia.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +16,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "meta/probe_helper.h"
 #include "platform/log.h"
 
 // The 16-bit and 8-bit PCM codec ids are the same numbers in libavcodec 59
@@ -50,7 +55,11 @@ const AvLibrary* Load() {
       !Resolve(util, "av_dict_free", av.dictFree) || !Resolve(format, "avformat_open_input", av.openInput) ||
       !Resolve(format, "avformat_find_stream_info", av.findStreamInfo) ||
       !Resolve(format, "avformat_close_input", av.closeInput) ||
-      !Resolve(format, "av_find_input_format", av.findInputFormat)) {
+      !Resolve(format, "av_find_input_format", av.findInputFormat) ||
+      !Resolve(format, "avformat_alloc_context", av.allocContext) ||
+      !Resolve(format, "avio_alloc_context", av.allocIo) || !Resolve(format, "avio_context_free", av.freeIo) ||
+      !Resolve(util, "av_malloc", av.allocBuffer) || !Resolve(util, "av_freep", av.freep) ||
+      !Resolve(format, "av_demuxer_iterate", av.demuxerIterate)) {
     const char* why = dlerror();
     ORVO_LOG("%s (%d) Failed to load libavformat (%s)", why ? why : "unknown error");
     return nullptr;
@@ -117,13 +126,113 @@ bool OnlyPcm(const AVFormatContext* ctx) {
   return true;
 }
 
-int ProbeStreams(const char* path, MediaInfo* info, ProbeMode mode) {
+// The input is read through the descriptor the probe was handed, at offsets
+// of its own: libavformat gets no file name it could open.
+struct DescriptorInput {
+  int fd;
+  int64_t position;
+};
+
+int ReadDescriptor(void* opaque, uint8_t* buf, int size) {
+  auto* in = static_cast<DescriptorInput*>(opaque);
+  ssize_t n;
+  do {
+    n = pread(in->fd, buf, static_cast<size_t>(size), in->position);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) return AVERROR(errno);
+  if (n == 0) return AVERROR_EOF;
+  in->position += n;
+  return static_cast<int>(n);
+}
+
+int64_t SeekDescriptor(void* opaque, int64_t offset, int whence) {
+  auto* in = static_cast<DescriptorInput*>(opaque);
+  off_t end = lseek(in->fd, 0, SEEK_END);
+  if (end < 0) return AVERROR(errno);
+  if ((whence & AVSEEK_SIZE) != 0) return end;
+  switch (whence & ~AVSEEK_FORCE) {
+    case SEEK_SET: break;
+    case SEEK_CUR: offset += in->position; break;
+    case SEEK_END: offset += end; break;
+    default: return AVERROR(EINVAL);
+  }
+  if (offset < 0) return AVERROR(EINVAL);
+  in->position = offset;
+  return offset;
+}
+
+struct AvIoFreer {
+  void operator()(AVIOContext* pb) const {
+    LoadAv()->freep(&pb->buffer);
+    LoadAv()->freeIo(&pb);
+  }
+};
+using AvIo = std::unique_ptr<AVIOContext, AvIoFreer>;
+
+// Demuxers that open other resources than the file they read: playlists and
+// manifests (concat scripts, HLS, DASH, IMF), image sequences, session
+// descriptions and streams (SDP, RTP, RTSP, SAP), VobSub's companion file,
+// and every demuxer that opens its input itself.
+bool OpensOtherResources(const AVInputFormat* format) {
+  static const char* const kRefused[] = {"concat", "dash", "hls", "image2", "imf", "rtp", "rtsp", "sap", "sdp",
+                                         "vobsub"};
+  if ((format->flags & AVFMT_NOFILE) != 0) return true;
+  for (const char* name : kRefused) {
+    if (strcmp(format->name, name) == 0) return true;
+  }
+  return false;
+}
+
+// Every other demuxer, as a format whitelist.
+const std::string& AllowedFormats() {
+  static const std::string allowed = [] {
+    std::string list;
+    void* opaque = nullptr;
+    // Bounded by the library's own static table.
+    while (const AVInputFormat* format = LoadAv()->demuxerIterate(&opaque)) {
+      if (OpensOtherResources(format)) continue;
+      if (!list.empty()) list += ',';
+      list += format->name;
+    }
+    return list;
+  }();
+  return allowed;
+}
+
+// Nested opens (a MOV file's external references, anything a demuxer would
+// fetch beside its input) are refused outright.
+int RefuseNestedOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) { return AVERROR(EPERM); }
+
+constexpr int kIoBufferSize = 32768;  // what libavformat's file protocol reads at a time
+
+int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
   int result = -1;
-  AVFormatContext* raw = nullptr;
   // Registration happens inside libavformat since its demuxers became a
   // static table; there is nothing left to call before opening a file.
   const AvLibrary* av = LoadAv();
-  if (av == nullptr || av->openInput(&raw, path, nullptr, nullptr) < 0) {
+  DescriptorInput input{fd, 0};
+  AvIo io;
+  AVFormatContext* raw = nullptr;
+  if (av != nullptr) {
+    auto* buffer = static_cast<unsigned char*>(av->allocBuffer(kIoBufferSize));
+    AVIOContext* pb = buffer ? av->allocIo(buffer, kIoBufferSize, 0, &input, ReadDescriptor, nullptr, SeekDescriptor)
+                             : nullptr;
+    if (pb == nullptr) av->freep(&buffer);
+    io.reset(pb);
+    raw = io ? av->allocContext() : nullptr;
+  }
+  int opened = -1;
+  if (raw != nullptr) {
+    raw->pb = io.get();
+    raw->io_open = RefuseNestedOpen;
+    AVDictionary* options = nullptr;
+    av->dictSet(&options, "format_whitelist", AllowedFormats().c_str(), 0);
+    av->dictSet(&options, "protocol_whitelist", "file", 0);
+    // On failure the context is freed and raw cleared.
+    opened = av->openInput(&raw, path, nullptr, &options);
+    av->dictFree(&options);
+  }
+  if (opened < 0) {
     ORVO_LOG("%s (%d) Failed to av_open_input_file() file [%s].", path);
     return -1;
   }
@@ -201,8 +310,32 @@ ContainerTags GetContainerTags(const AVFormatContext* ctx) {
   return tags;
 }
 
+int ProbeDescriptor(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
+  return ProbeStreams(fd, path, info, mode);
+}
+
+namespace {
+
+// Opens the file for the probe helper. Non-blocking, so that a FIFO put in
+// place of the file cannot hold the run; anything but a regular file (a FIFO,
+// a device, a folder) is refused here, unread.
+int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
+  int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fd >= 0) close(fd);
+    ORVO_LOG("%s (%d) Failed to av_open_input_file() file [%s].", path);
+    return -1;
+  }
+  int result = ProbeInHelper(fd, path, info, mode);
+  close(fd);
+  return result;
+}
+
+}  // namespace
+
 int ReadMediaInfo(const char* path, MediaInfo* info, ProbeMode mode) {
-  if (ProbeStreams(path, info, mode) < 0) {
+  if (ProbeFile(path, info, mode) < 0) {
     ORVO_LOG("%s (%d) Failed to get Misc Media Info from [%s].", path);
     return -1;
   }

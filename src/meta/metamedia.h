@@ -20,8 +20,18 @@ enum class ProbeMode {
 
 // Probe entry point of the generic handlers. Returns 0, or -1 after logging
 // "Failed to get Misc Media Info from [path]." Fields copied before a failure
-// stay in the record.
+// stay in the record. The file is opened here and read by the probe helper
+// process (meta/probe_helper.h): libavformat never runs in the caller's
+// process. Anything but a regular file is refused without being read.
 int ReadMediaInfo(const char* path, MediaInfo* info, ProbeMode mode = ProbeMode::kTuned);
+
+// The probe itself, on a file the caller opened: what the probe helper runs.
+// libavformat reads through `fd` only (pread; the descriptor's offset is left
+// alone) and opens nothing else: demuxers that would open other resources
+// are refused and every nested open fails. `path` names the file in the
+// messages and lets libavformat weigh the extension. Logs as the probe always
+// has; returns 0 or -1.
+int ProbeDescriptor(int fd, const char* path, MediaInfo* info, ProbeMode mode);
 
 // The libavformat entry points we call. The library is loaded when the
 // first file needs it, not linked: linking it made every start of the daemon
@@ -35,6 +45,12 @@ struct AvLibrary {
   decltype(&av_dict_get) dictGet;
   decltype(&av_dict_set) dictSet;
   decltype(&av_dict_free) dictFree;
+  decltype(&avformat_alloc_context) allocContext;
+  decltype(&avio_alloc_context) allocIo;
+  decltype(&avio_context_free) freeIo;
+  decltype(&av_malloc) allocBuffer;
+  decltype(&av_freep) freep;
+  decltype(&av_demuxer_iterate) demuxerIterate;
 };
 
 // Loads the library once, with its own messages kept out of syslog. Null,
