@@ -53,7 +53,7 @@ TEST(ClientRun, StalePidOfAnotherProgramIsNotSignalled) {
   std::ofstream(pid) << getpid();
   FILE* null = fopen("/dev/null", "w");
   const char* argv[] = {"orvoindex", "add", "/volume1/music/a.mp3"};
-  EXPECT_EQ(RunClient(3, argv, ClientPaths{queue.c_str(), batch.c_str(), pid.c_str()}, null, null), kExitNoDaemon);
+  EXPECT_EQ(RunClient(3, argv, ClientPaths{queue.c_str(), batch.c_str(), pid.c_str(), "", ""}, null, null), kExitNoDaemon);
   fclose(null);
   EXPECT_EQ(formats_test::ReadBytes(queue), "a:/volume1/music/a.mp3\n");
 }
