@@ -166,6 +166,7 @@ double EstimateSecondsLeft(const LinePace& pace) {
 void StartRunProgress(const char* statusPath, const char* failurePath) {
   Progress& p = gProgress;
   p.statusPath = statusPath;
+  p.published = RunStatus{};
   RunStatus before;
   if (ReadRunStatus(statusPath, &before) && before.hasLastRun) {
     p.published.hasLastRun = true;

@@ -107,14 +107,24 @@ size_t SequenceLength(unsigned char lead) {
   return 1;
 }
 
-// The text cut to `columns` bytes, keeping its end (a path's file name).
-std::string FitFromEnd(std::string text, int columns) {
-  const size_t width = static_cast<size_t>(std::max(columns, 8));
-  if (text.size() <= width) return text;
-  size_t from = text.size() - (width - 3);
-  while (from < text.size() && (static_cast<unsigned char>(text[from]) & 0xC0) == 0x80) ++from;
-  std::string fitted = "...";
-  fitted.append(text, from, std::string::npos);
+// Where `text` may be cut to at most `width` bytes: never inside a character.
+size_t CutAt(std::string_view text, size_t width) {
+  size_t cut = std::min(width, text.size());
+  while (cut > 0 && cut < text.size() && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  return cut;
+}
+
+// A report line within `columns` bytes. The file line keeps its end (the
+// file's name), the others their start.
+std::string FitLine(std::string_view line, int columns) {
+  const size_t width = static_cast<size_t>(std::max(columns, 16));
+  if (line.size() <= width) return std::string(line);
+  constexpr std::string_view kFile = "file: ...";
+  if (!line.starts_with("file: ")) return std::string(line.substr(0, CutAt(line, width)));
+  size_t from = line.size() - (width - kFile.size());
+  while (from < line.size() && (static_cast<unsigned char>(line[from]) & 0xC0) == 0x80) ++from;
+  std::string fitted(kFile);
+  fitted.append(line.substr(from));
   return fitted;
 }
 
@@ -197,13 +207,14 @@ std::string ProgressFrame(const StatusSnapshot& snapshot, int columns) {
   }
   // Every line within the width, so that the next frame knows how many
   // lines to go back over.
-  std::string report = StatusText(snapshot);
-  for (size_t start = 0; start < report.size();) {
-    const size_t end = report.find('\n', start);
-    out += FitFromEnd(report.substr(start, end - start), columns) + "\n";
+  const std::string text = out + StatusText(snapshot);
+  std::string frame;
+  for (size_t start = 0; start < text.size();) {
+    const size_t end = text.find('\n', start);
+    frame += FitLine(std::string_view(text).substr(start, end - start), columns) + "\n";
     start = end + 1;
   }
-  return out;
+  return frame;
 }
 
 std::string FailuresText(const std::vector<FailureEntry>& failures) {
