@@ -56,6 +56,17 @@ TEST_F(RunProgress, FirstMessageWhileAFileIsHandledIsItsReasonAndOnlyThen) {
     ORVO_LOG("%s (%d) Impossible error.");  // the album cut short, the row saved
   }
   {
+    FileWork work("/v/no-comments.flac", FileWorkKind::kIndex);
+    ORVO_LOG("%s (%d) Can't get Flac comment tags: %s.", "/v/no-comments.flac");
+    ORVO_LOG("%s (%d) Failed to parse music metadata.");
+  }
+  {
+    FileWork work("/v/unsaved.flac", FileWorkKind::kIndex);
+    ORVO_LOG("%s (%d) Can't get Flac comment tags: %s.", "/v/unsaved.flac");
+    ORVO_LOG("%s (%d) Failed to parse music metadata.");
+    ORVO_LOG("%s (%d) Failed to save /v/unsaved.flac into music (disk full)");
+  }
+  {
     FileWork work("/v/saved.mp3", FileWorkKind::kIndex);
     {
       orvo::LogSubject row("/v/earlier.mp3");  // a deferred write of another file failed
@@ -88,25 +99,27 @@ TEST_F(RunProgress, FirstMessageWhileAFileIsHandledIsItsReasonAndOnlyThen) {
   std::vector<std::pair<std::string, std::string>> got;
   for (const auto& f : failed) got.emplace_back(f.path, f.reason);
   const std::string me = "run_progress_test.cpp (";
-  ASSERT_EQ(got.size(), 4u);
+  ASSERT_EQ(got.size(), 5u);
   EXPECT_EQ(got[0].first, "/v/x.mp3");
   EXPECT_NE(got[0].second.find("media row failed"), std::string::npos);
   EXPECT_EQ(got[1].first, "/v/outer.mp3");
   EXPECT_EQ(got[2].first, "/v/earlier.mp3");
-  EXPECT_EQ(got[3].first, "/v/bad.mp3");
-  EXPECT_EQ(got[3].second.find(me), 0u);
-  EXPECT_NE(got[3].second.find(") first"), std::string::npos);
+  EXPECT_EQ(got[3].first, "/v/unsaved.flac");
+  EXPECT_NE(got[3].second.find(") Failed to save "), std::string::npos);
+  EXPECT_EQ(got[4].first, "/v/bad.mp3");
+  EXPECT_EQ(got[4].second.find(me), 0u);
+  EXPECT_NE(got[4].second.find(") first"), std::string::npos);
   // One line per failed file: the second row of x.mp3 added none.
   const std::string record = formats_test::ReadBytes(failures_);
-  EXPECT_EQ(std::count(record.begin(), record.end(), '\n'), 4);
+  EXPECT_EQ(std::count(record.begin(), record.end(), '\n'), 5);
 
   RunStatus done = Status();
   EXPECT_FALSE(done.running);
   ASSERT_TRUE(done.hasLastRun);
   EXPECT_EQ(done.lastRun.linesDone, 5u);  // a line read in two pieces counts twice
-  EXPECT_EQ(done.lastRun.filesIndexed, 5u);  // bad, ok, saved, outer, x
+  EXPECT_EQ(done.lastRun.filesIndexed, 7u);  // bad, ok, two flac, saved, outer, x
   EXPECT_EQ(done.lastRun.filesRemoved, 1u);
-  EXPECT_EQ(done.lastRun.failures, 4u);
+  EXPECT_EQ(done.lastRun.failures, 5u);
 }
 
 // The same path on two lines is handled twice; media and photo rows of one line once.

@@ -18,8 +18,13 @@ namespace {
 constexpr int64_t kPublishIntervalNs = 1000000000;
 constexpr size_t kPathSize = 4096;
 
-// Logged by handlers without the file having failed (see the header).
-constexpr std::string_view kNotices[] = {"Impossible error.", "File exists. Skip remove it from database."};
+// Logged by handlers without the file having failed (see the header), as
+// the text after the "module (line) " prefix begins.
+constexpr std::string_view kNotices[] = {"Impossible error.", "File exists. Skip remove it from database.",
+                                         "Can't get Flac comment tags: "};
+// A handler's word that its reader gave up: after a notice (a FLAC file
+// without comments), nothing more than the notice.
+constexpr std::string_view kReaderGaveUp = "Failed to parse music metadata";
 
 // Everything the progress keeps: plain counters, bumped in place.
 struct Progress {
@@ -46,6 +51,7 @@ struct Progress {
 
   // The file being handled, the last one counted and the last one failed.
   const char* current = nullptr;
+  bool noticeSeen = false;
   bool reasonSeen = false;
   std::string reason;
   FileWorkKind lastKind = FileWorkKind::kIndex;
@@ -71,9 +77,15 @@ bool IsWalkLine(char letter, char colon) {
   return colon == ':' && (letter == 'A' || letter == 'R' || letter == 'U' || letter == 'N');
 }
 
-bool IsNotice(std::string_view message) {
+// The message without its "module (line) " prefix.
+std::string_view MessageText(std::string_view message) {
+  const size_t end = message.find(") ");
+  return end == std::string_view::npos ? message : message.substr(end + 2);
+}
+
+bool IsNotice(std::string_view text) {
   return std::any_of(std::begin(kNotices), std::end(kNotices),
-                     [&](std::string_view notice) { return message.ends_with(notice); });
+                     [&](std::string_view notice) { return text.starts_with(notice); });
 }
 
 void Publish(int64_t nowNs) {
@@ -122,7 +134,13 @@ void WatchLog(const char* message, const orvo::LogAbout& about, void*) {
     if (about.path != nullptr && about.path[0] == '/') RecordFailure(about.path, message);
     return;
   }
-  if (p.current == nullptr || p.reasonSeen || IsNotice(message)) return;
+  if (p.current == nullptr || p.reasonSeen) return;
+  const std::string_view text = MessageText(message);
+  if (IsNotice(text)) {
+    p.noticeSeen = true;
+    return;
+  }
+  if (p.noticeSeen && text.starts_with(kReaderGaveUp)) return;
   p.reasonSeen = true;
   p.reason = message;
 }
@@ -233,7 +251,7 @@ FileWork::FileWork(const char* path, FileWorkKind kind) : path_(nullptr) {
   if (!p.on || p.current != nullptr) return;
   path_ = path;
   p.current = path;
-  p.reasonSeen = false;
+  p.noticeSeen = p.reasonSeen = false;
   if (kind != p.lastKind || strncmp(path, p.lastPath, kPathSize - 1) != 0) {
     (kind == FileWorkKind::kIndex ? p.filesIndexed : p.filesRemoved) += 1;
     p.lastKind = kind;

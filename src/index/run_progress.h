@@ -8,10 +8,13 @@
 // written only once a second has passed since it last was.
 //
 // A file fails when a message is logged while its handler runs: the first
-// one is its reason. Two notices are not failures: "Impossible error." (a
-// folder name cut to the album field's width; the row is saved) and "File
+// one is its reason. Three notices are not failures: "Impossible error." (a
+// folder name cut to the album field's width; the row is saved), "File
 // exists. Skip remove it from database." (a removal skipped because the
-// file is back). A deferred database write that fails later names its own
+// file is back) and "Can't get Flac comment tags" (a FLAC file without
+// comments, saved with its stream figures; the handler's "Failed to parse
+// music metadata." after it says no more). A deferred database write that
+// fails later names its own
 // row (platform/log.h, LogSubject) and counts for that path. A failed file
 // goes to the failure record (platform/failure_record.h) once per handling,
 // even when both its media row and its photo row failed; `orvoindex
