@@ -74,6 +74,13 @@ int OpenForAppend(const char* path) {
   return open(path, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
 }
 
+// The record's folder is the SQLite databases' too, which are made there on
+// first use; with both databases on PostgreSQL it may not exist yet.
+void MakeFolderOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash != std::string::npos && slash > 0) mkdir(path.substr(0, slash).c_str(), 0755);
+}
+
 // Counts the lines of the open file and cuts a torn last line off.
 int CountAndMendLines(int fd, size_t* lines) {
   struct stat st;
@@ -164,6 +171,7 @@ int OpenFailureRecord(FailureRecord* record, const char* path) {
   record->path = path;
   record->lines = 0;
   record->unsynced = false;
+  MakeFolderOf(record->path);
   record->fd = OpenForAppend(path);
   if (record->fd < 0) return -1;
   if (CountAndMendLines(record->fd, &record->lines) != 0) return -1;
