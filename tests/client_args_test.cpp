@@ -26,6 +26,10 @@ TEST(ClientCommands, EachSubcommandQueuesItsLetter) {
     EXPECT_EQ(r.text, line);
   }
   EXPECT_EQ(Parse({"status"}).action, ClientAction::kStatus);
+  const ClientRequest watch = Parse({"status", "--json", "--watch"});
+  EXPECT_TRUE(watch.action == ClientAction::kStatus && watch.json && watch.watch);
+  const ClientRequest failures = Parse({"failures", "--json"});
+  EXPECT_TRUE(failures.action == ClientAction::kFailures && failures.json && !failures.watch);
   // --help wins over a missing argument, so it never queues anything.
   EXPECT_EQ(Parse({"add", "--help"}).action, ClientAction::kHelp);
 }
@@ -38,6 +42,7 @@ TEST(ClientArgumentChecks, BadArgumentsQueueNothing) {
       {"add", "/volume1/music/two\nlines.mp3"}, {"remove", "/volume1/music/cr\r.mp3"},
       {"rename", "/v/a:b.mp3", "/v/old.mp3"}, {"rename", "/v/new.mp3"}, {"truncate", "users"},
       {"reindex", "music\n"}, {"refresh-photos", "extra"}, {"add", tooLong.c_str()},
+      {"status", "/x"}, {"status", "--jsn"}, {"failures", "--watch"},
   };
   for (const auto& args : bad) {
     ClientRequest r = Parse(args);
@@ -53,7 +58,7 @@ TEST(ClientRun, StalePidOfAnotherProgramIsNotSignalled) {
   std::ofstream(pid) << getpid();
   FILE* null = fopen("/dev/null", "w");
   const char* argv[] = {"orvoindex", "add", "/volume1/music/a.mp3"};
-  EXPECT_EQ(RunClient(3, argv, ClientPaths{queue.c_str(), batch.c_str(), pid.c_str()}, null, null), kExitNoDaemon);
+  EXPECT_EQ(RunClient(3, argv, ClientPaths{queue.c_str(), batch.c_str(), pid.c_str(), "", ""}, null, null), kExitNoDaemon);
   fclose(null);
   EXPECT_EQ(formats_test::ReadBytes(queue), "a:/volume1/music/a.mp3\n");
 }

@@ -14,10 +14,13 @@
 
 #include "daemon/flags.h"
 #include "daemon/queue.h"
+#include "index/run_progress.h"
 #include "platform/log.h"
+#include "platform/failure_record.h"
 #include "platform/features.h"
 #include "platform/media_db.h"
 #include "platform/photo_db.h"
+#include "platform/run_status.h"
 #include "platform/system.h"
 
 namespace {
@@ -148,6 +151,7 @@ int RunDaemon(int argc, char** argv) {
   }
   if (BecomeDaemon() != 0) exit(1);
   setpriority(PRIO_PROCESS, 0, 10);
+  StartRunProgress(kRunStatusPath, kFailureRecordPath);
   if (signal(SIGUSR1, SetDirty) == SIG_ERR) {
     ORVO_LOG("%s (%d) signal(SIGUSR1, SetDirty) failed.");
     exit(1);

@@ -13,6 +13,7 @@
 #include "daemon/flags.h"
 #include "index/handler_table.h"
 #include "index/index.h"
+#include "index/run_progress.h"
 #include "photo/photo_index.h"
 #include "photo/photo_share.h"
 #include "platform/features.h"
@@ -156,9 +157,11 @@ int RunQueueBatch(const QueueFiles& files, QueueExecutor execute, void* context)
     ORVO_LOG("%s(%d): Failed to open %s. (%s)", files.batch, strerror(openError));
     return -1;
   }
+  BeginBatchProgress(fileno(batch.get()));
   auto reader = std::make_unique<QueueLineReader>(batch.get());
   auto line = std::make_unique<char[]>(kQueueLineSize);
   while (size_t length = reader->Next(line.get())) {
+    NoteQueueLine(line.get());
     QueueCommand command;
     switch (ParseQueueLine(line.get(), length, &command)) {
       case QueueLineStatus::kBadFormat:
@@ -175,6 +178,7 @@ int RunQueueBatch(const QueueFiles& files, QueueExecutor execute, void* context)
   batch.reset();
   // The batch goes only once its work is committed, so a crash re-runs it.
   ORVODBFlush();
+  EndBatchProgress();
   unlink(files.batch);
   return 0;
 }

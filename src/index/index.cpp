@@ -10,6 +10,7 @@
 
 #include "index/handler_table.h"
 #include "index/reindex.h"
+#include "index/run_progress.h"
 #include "photo/photo_index.h"  // the one upward include: the walk applies the photo update
 #include "platform/features.h"
 #include "platform/log.h"
@@ -53,9 +54,11 @@ int IndexNonDirectory(const char* path, int mode) {
     // "._name" files are the resource-fork companions some clients write
     // beside each file; they are never media.
     if (slash[1] == '.' && slash[2] == '_') return 0;
+    FileWork work(path, FileWorkKind::kIndex);
     row->index(path);
     return 0;
   }
+  FileWork work(path, FileWorkKind::kRemove);
   row->remove(path);
   return 0;
 }

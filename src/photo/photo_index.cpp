@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "index/index.h"  // the one downward call back: a renamed folder with no rows is walked
+#include "index/run_progress.h"
 #include "meta/exif.h"
 #include "photo/photo_path.h"
 #include "photo/photo_scoped.h"
@@ -187,6 +188,7 @@ int ORVOPhotoIndexUpdate(const char* path, int mode) {
   if (IsDirExist(path)) return -1;
   PhotoKind kind = KindOfPath(path);
   if (kind == kKindNone) return -1;
+  FileWork work(path, mode == 2 ? FileWorkKind::kRemove : FileWorkKind::kIndex);
 
   switch (mode) {
     case 1:

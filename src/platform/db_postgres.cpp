@@ -103,6 +103,7 @@ int Drain(ORVODB* db, bool wait) {
           db->pipelineFailed.push_back(entry.groupIndex);
           const auto& write = db->groupLog[entry.groupIndex];
           const char* what = !write.params.empty() && write.params[0] ? write.params[0]->c_str() : "";
+          orvo::LogSubject aboutTheRow(what);  // reported later than its own file's handling
           ORVO_LOG("%s (%d) Failed to write %s (%s)", what, db->error.c_str());
         }
       }
@@ -134,6 +135,7 @@ void ReplayGroup(ORVODB* db) {
     if (RunWrite(db, write) != 0) {
       // A row is named by its path, the first parameter; a raw statement by itself.
       const std::string& what = !write.params.empty() && write.params[0] ? *write.params[0] : write.sql;
+      orvo::LogSubject aboutTheRow(what.c_str());
       ORVO_LOG("%s (%d) Failed to write %s (%s)", what.c_str(), db->error.c_str());
       if (PQstatus(db->pg) == CONNECTION_BAD) break;
     }
@@ -295,6 +297,7 @@ int PgSyncPipeline(ORVODB* db, bool commit) {
   else rc = -1;
   if (rc != 0 || Drain(db, true) != 0) {
     SetError(db, nullptr);
+    orvo::LogSubject aboutTheGroup(nullptr);
     ORVO_LOG("%s (%d) Lost the connection with writes pending (%s)", db->error.c_str());
     PgClose(db);
     return -1;
@@ -303,6 +306,7 @@ int PgSyncPipeline(ORVODB* db, bool commit) {
     // Results left over mean the accounting above went wrong: start afresh
     // rather than leave the connection in a state no call can use.
     SetError(db, nullptr);
+    orvo::LogSubject aboutTheGroup(nullptr);
     ORVO_LOG("%s (%d) Failed to leave pipeline mode (%s)", db->error.c_str());
     PgClose(db);
     return -1;

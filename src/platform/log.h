@@ -21,6 +21,33 @@ void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 using LogCapture = void (*)(const char* message, void* context);
 void SetLogCapture(LogCapture capture, void* context);
 
+// What a message is about. Unnamed (the usual case): whatever file is being
+// handled when it is logged. Named: `path`, or no file at all when null.
+struct LogAbout {
+  bool named;
+  const char* path;
+};
+
+// Progress seam: while a watch is set, Log also hands it each formatted
+// message (besides syslog or the capture), with what the message is about.
+// The daemon's run progress uses it to remember why a file failed.
+using LogWatch = void (*)(const char* message, const LogAbout& about, void* context);
+void SetLogWatch(LogWatch watch, void* context);
+
+// While one lives, the messages logged name what they are about: a deferred
+// write failure names its own row's path, a failure of a whole group of
+// writes names no file (nullptr), rather than the file handled at the time.
+class LogSubject {
+ public:
+  explicit LogSubject(const char* path);
+  ~LogSubject();
+  LogSubject(const LogSubject&) = delete;
+  LogSubject& operator=(const LogSubject&) = delete;
+
+ private:
+  LogAbout saved_;
+};
+
 }  // namespace orvo
 
 #define ORVO_LOG(format, ...) ::orvo::Log(format, __FILE_NAME__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)

@@ -180,6 +180,7 @@ int DbCommitGroup(ORVODB* db) {
   db->inGroup = false;
   db->groupLog.clear();
   if (rc != 0) {
+    orvo::LogSubject aboutTheGroup(nullptr);  // not about the file handled at the time
     ORVO_LOG("%s (%d) Failed to commit the %s database (%s)", DatabaseName(db->which),
              db->error.c_str());
     return -1;

@@ -2,18 +2,25 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "daemon/daemon.h"
 #include "daemon/queue.h"
+#include "platform/failure_record.h"
+#include "platform/run_status.h"
 #include "platform/system.h"
+#include "tools/status_report.h"
 
-const ClientPaths kClientPaths{kIndexingQueuePath, kIndexingBatchPath, kDaemonPidFile};
+const ClientPaths kClientPaths{kIndexingQueuePath, kIndexingBatchPath, kDaemonPidFile, kRunStatusPath,
+                               kFailureRecordPath};
 
 namespace {
 
@@ -30,15 +37,18 @@ constexpr char kToolHelp[] =
     "  reindex SHARE       rebuild a share: music, photo, or any other word for all shares\n"
     "  refresh-photos      refresh the photo database from the photo share\n"
     "  truncate TABLE      empty a media table: music, video, photo, playlist, directory\n"
-    "  status              show whether the daemon runs and whether work is waiting\n"
+    "  status [--watch] [--json]\n"
+    "                      show whether the daemon runs, whether work is waiting,\n"
+    "                      the progress of the run under way and the last run\n"
+    "  failures [--json]   list the files that could not be indexed or saved\n"
     "\n"
     "Paths are absolute. 'orvoindex COMMAND --help' describes one command.\n"
     "Exit status: 0 done, 1 the queue could not be written, 2 bad arguments,\n"
-    "3 queued but the daemon is not running.\n";
+    "3 queued but the daemon is not running (status: it is not running).\n";
 
 struct Subcommand {
   std::string_view name;
-  char letter;     // queue command letter; 0 for status
+  char letter;     // queue command letter; 0 for the reports
   int arguments;   // how many arguments it takes
   bool paths;      // the arguments are absolute paths
   const char* help;
@@ -65,8 +75,23 @@ constexpr Subcommand kSubcommands[] = {
      "usage: orvoindex truncate TABLE\nEmpties one media table: music, video, photo, playlist or "
      "directory.\n"},
     {"status", 0, 0, false,
-     "usage: orvoindex status\nShows whether the daemon runs, its pid, and whether a batch "
-     "waits or runs.\n"},
+     "usage: orvoindex status [--watch] [--json]\n"
+     "Shows whether the daemon runs, its pid, whether a batch waits or runs, the run\n"
+     "under way (queue lines done of the batch's, files indexed, removed and failed,\n"
+     "the file being handled, files per second, time elapsed and, once no folder\n"
+     "walk is left in the batch, the time left) and the last run (when, how long,\n"
+     "lines, files, failures). The daemon publishes this about once a second in\n"
+     "/var/run/orvoindexd.status.\n"
+     "  --watch  redraw every second until no work is left: a progress bar on a\n"
+     "           terminal, else one line per update and the report at the end\n"
+     "  --json   print it as one JSON object (with --watch, one per update and line)\n"
+     "Exit status 3 when the daemon is not running.\n"},
+    {"failures", 0, 0, false,
+     "usage: orvoindex failures [--json]\n"
+     "Lists the files the daemon could not index or save, newest first, each once with\n"
+     "the time and the message it logged for it. The daemon keeps the last 1000 in\n"
+     "/var/lib/orvoindex/failures, across restarts.\n"
+     "  --json   print them as one JSON object\n"},
 };
 
 constexpr std::string_view kTables[] = {"music", "video", "photo", "playlist", "directory"};
@@ -114,16 +139,79 @@ int LiveDaemonPid(const char* pidFile) {
   return pid;
 }
 
-int ReportStatus(const ClientPaths& paths, FILE* out) {
-  const int pid = LiveDaemonPid(paths.daemonPidFile);
-  const bool running = pid > 0;
-  if (running)
-    fprintf(out, "daemon: running (pid %d)\n", pid);
-  else
-    fprintf(out, "daemon: not running\n");
-  fprintf(out, "queue: %s\n", Exists(paths.queue) ? "waiting" : "empty");
-  fprintf(out, "batch: %s\n", Exists(paths.batch) ? "running" : "none");
-  return running ? kExitOk : kExitNoDaemon;
+StatusSnapshot TakeSnapshot(const ClientPaths& paths) {
+  StatusSnapshot snapshot;
+  snapshot.daemonPid = LiveDaemonPid(paths.daemonPidFile);
+  snapshot.queueWaiting = Exists(paths.queue);
+  snapshot.batchPresent = Exists(paths.batch);
+  snapshot.hasStatus = ReadRunStatus(paths.runStatus, &snapshot.status);
+  return snapshot;
+}
+
+int ReportStatus(const ClientPaths& paths, bool json, FILE* out) {
+  const StatusSnapshot snapshot = TakeSnapshot(paths);
+  fputs(json ? (StatusJson(snapshot) + "\n").c_str() : StatusText(snapshot).c_str(), out);
+  return snapshot.daemonPid > 0 ? kExitOk : kExitNoDaemon;
+}
+
+int TerminalColumns(FILE* out) {
+  winsize size = {};
+  return ioctl(fileno(out), TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+// Redraws the status every second until the daemon has no work left (no
+// run, no queue, no batch) or is gone. On a terminal the report is drawn
+// over itself with a progress bar; elsewhere a line is added for each new
+// update the daemon publishes, and the whole report closes the watch.
+int WatchStatus(const ClientPaths& paths, bool json, FILE* out) {
+  const bool terminal = !json && isatty(fileno(out));
+  int drawnLines = 0;
+  int64_t shownUpdate = -1;
+  for (;;) {
+    const StatusSnapshot snapshot = TakeSnapshot(paths);
+    const RunState state = StateOf(snapshot);
+    const bool done = snapshot.daemonPid <= 0 ||
+                      (state != RunState::kRunning && !snapshot.queueWaiting && !snapshot.batchPresent);
+    const bool fresh = snapshot.status.updated != shownUpdate;
+    shownUpdate = snapshot.status.updated;
+    if (json) {
+      if (fresh || done) fputs((StatusJson(snapshot) + "\n").c_str(), out);
+    } else if (terminal) {
+      if (drawnLines > 0) fprintf(out, "\033[%dA\033[J", drawnLines);
+      const std::string frame = ProgressFrame(snapshot, TerminalColumns(out));
+      drawnLines = static_cast<int>(std::count(frame.begin(), frame.end(), '\n'));
+      fputs(frame.c_str(), out);
+    } else if (done) {
+      fputs(StatusText(snapshot).c_str(), out);
+    } else if (fresh && state == RunState::kRunning) {
+      fputs(ProgressLine(snapshot).c_str(), out);
+    }
+    fflush(out);
+    if (done) return snapshot.daemonPid > 0 ? kExitOk : kExitNoDaemon;
+    sleep(1);
+  }
+}
+
+int ReportFailures(const ClientPaths& paths, bool json, FILE* out) {
+  const std::vector<FailureEntry> failures = ReadFailureRecord(paths.failureRecord);
+  fputs(json ? (FailuresJson(failures) + "\n").c_str() : FailuresText(failures).c_str(), out);
+  return kExitOk;
+}
+
+// The options of status and failures.
+ClientRequest ParseReportArgs(const Subcommand& sub, int argc, const char* const* argv) {
+  ClientRequest request{sub.name == "status" ? ClientAction::kStatus : ClientAction::kFailures, {}};
+  for (int i = 2; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == "--json") {
+      request.json = true;
+    } else if (arg == "--watch" && request.action == ClientAction::kStatus) {
+      request.watch = true;
+    } else {
+      return UsageError(std::string(sub.name) + ": unknown option '" + std::string(arg) + "'\n" + sub.help);
+    }
+  }
+  return request;
 }
 
 }  // namespace
@@ -140,12 +228,11 @@ ClientRequest ParseClientArgs(int argc, const char* const* argv) {
     const std::string_view arg = argv[i];
     if (arg == "--help" || arg == "-h") return {ClientAction::kHelp, sub->help};
   }
+  if (sub->letter == 0) return ParseReportArgs(*sub, argc, argv);
   if (argc - 2 != sub->arguments) {
     return UsageError(std::string(sub->name) + " takes " + std::to_string(sub->arguments) +
                       " argument(s), got " + std::to_string(argc - 2) + "\n" + sub->help);
   }
-  if (sub->letter == 0) return {ClientAction::kStatus, {}};
-
   std::string line{sub->letter, ':'};
   if (sub->letter == 'U') line += "photo";
   for (int i = 2; i < argc; ++i) {
@@ -188,7 +275,9 @@ int RunClient(int argc, const char* const* argv, const ClientPaths& paths, FILE*
       fputs(request.text.c_str(), err);
       return kExitUsage;
     case ClientAction::kStatus:
-      return ReportStatus(paths, out);
+      return request.watch ? WatchStatus(paths, request.json, out) : ReportStatus(paths, request.json, out);
+    case ClientAction::kFailures:
+      return ReportFailures(paths, request.json, out);
     case ClientAction::kQueue:
       break;
   }

@@ -8,13 +8,16 @@
 enum class ClientAction {
   kHelp,    // print `text` to standard output, exit 0
   kQueue,   // append `text` (one line, newline included) and signal the daemon
-  kStatus,  // report the daemon and the queue
+  kStatus,  // report the daemon, the queue and the run
+  kFailures,  // list the recorded failures
   kUsageError,  // print `text` to standard error, exit kExitUsage
 };
 
 struct ClientRequest {
   ClientAction action;
   std::string text;
+  bool json = false;   // status, failures: print JSON
+  bool watch = false;  // status: redraw until no work is left
 };
 
 inline constexpr int kExitOk = 0;
@@ -31,6 +34,8 @@ struct ClientPaths {
   const char* queue;
   const char* batch;
   const char* daemonPidFile;
+  const char* runStatus;      // what the daemon publishes of its run
+  const char* failureRecord;  // the files it could not index or save
 };
 extern const ClientPaths kClientPaths;
 

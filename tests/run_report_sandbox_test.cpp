@@ -1,0 +1,308 @@
+// `orvoindex status` and `orvoindex failures` through the real daemon: the run's progress
+// while it goes, its summary afterwards, and the files that could not be indexed.
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <map>
+
+#include "mp3_test_bytes.h"
+#include "platform/failure_record.h"
+#include "platform/run_status.h"
+#include "support/json_reader.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using namespace orvo::test;
+
+const std::string kClient = std::string(ORVO_BINARY_DIR) + "/orvoindex";
+const std::string kMusic = "/volume1/music";
+
+int ExitCode(const CommandResult& r) { return WIFEXITED(r.status) ? WEXITSTATUS(r.status) : -1; }
+
+// Three MPEG frames: a file the MP3 handler saves without a word in the log.
+void WriteMp3(const std::string& path) { std::ofstream(path, std::ios::binary) << mp3test::Cbr128(3); }
+void WriteJunk(const std::string& path) { std::ofstream(path, std::ios::binary) << "no audio in here\n"; }
+
+JsonValue ClientJson(const std::vector<std::string>& args) {
+  CommandResult r = RunCommand(args);
+  std::optional<JsonValue> json = ParseJson(r.output);
+  EXPECT_TRUE(json.has_value()) << r.output;
+  return json.value_or(JsonValue{});
+}
+
+uint64_t Count(const JsonValue& value) { return static_cast<uint64_t>(value.number); }
+
+size_t MusicRows() { return QuerySqlite(kMediaDbFile, "select path from music").size(); }
+
+// The status the daemon publishes, straight from its file.
+std::optional<RunStatus> Published() {
+  RunStatus status;
+  if (!ReadRunStatus(kRunStatusPath, &status)) return std::nullopt;
+  return status;
+}
+
+class RunStatusReport : public DaemonSandboxTest {};
+
+// A walk (A:), then lines that are one file each, then bad lines to make the run last: every
+// snapshot keeps done within the total and counts that only grow, no time left while the walk
+// goes, and the client's JSON agrees with the file; the summary's files match the rows.
+TEST_F(RunStatusReport, MidRunFiguresStayConsistentAndTheSummaryMatchesTheRows) {
+  // A hundredfold clock publishes every 10 ms of real time: a short run shows many updates.
+  std::ofstream(kQueueFile).flush();
+  pid_ = StartDaemon({kFastClock[0], "FAKETIME=+0 x100"});
+  ASSERT_GT(pid_, 0);
+  ASSERT_TRUE(WaitForHups(1));
+  const int kTreeFiles = 3000, kDamaged = 3, kFileLines = 1000, kSlowLines = 20000;
+  const std::string tree = kMusic + "/tree";
+  fs::create_directories(tree);
+  for (int i = 0; i < kTreeFiles; ++i) WriteMp3(tree + "/t" + std::to_string(i) + ".mp3");
+  for (int i = 0; i < kDamaged; ++i) WriteJunk(tree + "/bad" + std::to_string(i) + ".mp3");
+  {
+    std::ofstream queue(kQueueFile);
+    queue << "A:" << tree << "\n";
+    for (int i = 0; i < kFileLines; ++i) queue << "a:" << tree << "/t" << i << ".mp3\n";
+    for (int i = 0; i < kSlowLines; ++i) queue << "x:slow " << i << "\n";
+  }
+  const uint64_t totalLines = 1 + kFileLines + kSlowLines;
+  const uint64_t totalFiles = kTreeFiles + kDamaged + kFileLines;
+  ASSERT_TRUE(SignalDaemon());
+
+  RunFigures previous;
+  int running = 0, duringWalk = 0, withTimeLeft = 0;
+  bool checkedClient = false;
+  while (SandboxHupCount() < 2) {
+    std::optional<RunStatus> status = Published();
+    if (!status || !status->running) continue;
+    const RunFigures& run = status->run;
+    ++running;
+    EXPECT_EQ(status->pid, pid_);
+    EXPECT_EQ(run.linesTotal, totalLines);
+    EXPECT_LE(run.linesDone, run.linesTotal);
+    EXPECT_LE(run.filesIndexed, totalFiles);
+    EXPECT_LE(run.failures, static_cast<uint64_t>(kDamaged));
+    EXPECT_EQ(run.filesRemoved, 0u);
+    EXPECT_GE(run.linesDone, previous.linesDone);
+    EXPECT_GE(run.filesIndexed, previous.filesIndexed);
+    EXPECT_GE(run.seconds, previous.seconds);
+    previous = run;
+    if (run.linesDone == 0) {
+      ++duringWalk;
+      EXPECT_LT(status->secondsLeft, 0) << "a time left while the walk goes";
+    }
+    if (status->secondsLeft >= 0) ++withTimeLeft;
+    if (!checkedClient && run.linesDone > 0 && run.filesIndexed > 0) {
+      // Held still, the daemon's file and the client's two forms must tell the same.
+      ASSERT_EQ(kill(pid_, SIGSTOP), 0);
+      status = Published();
+      JsonValue json = ClientJson({kClient, "status", "--json"});
+      CommandResult text = RunCommand({kClient, "status"});
+      ASSERT_EQ(kill(pid_, SIGCONT), 0);
+      ASSERT_TRUE(status && status->running);
+      EXPECT_EQ(json["state"].text, "running");
+      EXPECT_EQ(json["daemon"]["pid"].number, pid_);
+      EXPECT_EQ(json["batch"].text, "running");
+      const JsonValue& live = json["run"];
+      EXPECT_EQ(Count(live["lines_done"]), status->run.linesDone);
+      EXPECT_EQ(Count(live["lines_total"]), totalLines);
+      EXPECT_EQ(Count(live["files_indexed"]), status->run.filesIndexed);
+      EXPECT_EQ(Count(live["failures"]), status->run.failures);
+      EXPECT_EQ(live["path"].text, status->path);
+      EXPECT_EQ(live["seconds_left"].IsNull(), status->secondsLeft < 0);
+      EXPECT_NE(text.output.find("run: " + std::to_string(status->run.linesDone) + " of " +
+                                 std::to_string(totalLines) + " queue lines, " +
+                                 std::to_string(status->run.filesIndexed) + " files indexed"),
+                std::string::npos)
+          << text.output;
+      if (!status->path.empty()) {
+        EXPECT_NE(text.output.find("file: " + status->path + "\n"), std::string::npos) << text.output;
+      }
+      checkedClient = true;
+    }
+    std::this_thread::sleep_for(2ms);
+  }
+  EXPECT_TRUE(checkedClient) << running << " snapshots of the run, none past its first line";
+  EXPECT_GT(withTimeLeft, 0) << "no time left while " << kSlowLines << " plain lines ran";
+  EXPECT_GT(duringWalk, 0) << "the run was never seen in its walk";
+
+  JsonValue json = ClientJson({kClient, "status", "--json"});
+  EXPECT_EQ(json["state"].text, "idle");
+  EXPECT_TRUE(json["run"].IsNull());
+  const JsonValue& last = json["last_run"];
+  EXPECT_EQ(Count(last["lines"]), totalLines);
+  EXPECT_EQ(Count(last["files_indexed"]), totalFiles);
+  EXPECT_EQ(Count(last["failures"]), static_cast<uint64_t>(kDamaged));
+  EXPECT_EQ(Count(last["files_removed"]), 0u);
+  EXPECT_GE(last["finished"].number, last["started"].number);
+  // Every handler call but the damaged files' made a row; the a: lines saved theirs again.
+  EXPECT_EQ(MusicRows(), static_cast<size_t>(kTreeFiles));
+}
+
+// Off a terminal, --watch waits through the debounce, adds a line per update and ends with
+// the report once no work is left; with --json every line is one object.
+TEST_F(RunStatusReport, WatchFollowsTheRunToItsEnd) {
+  StartIdle();
+  for (const bool json : {false, true}) {
+    {
+      std::ofstream queue(kQueueFile);
+      for (int i = 0; i < 5000; ++i) queue << "x:watched " << i << "\n";
+    }
+    ASSERT_TRUE(SignalDaemon());
+    std::vector<std::string> args = {kClient, "status", "--watch"};
+    if (json) args.push_back("--json");
+    CommandResult watch = RunCommand(args);
+    EXPECT_EQ(ExitCode(watch), 0) << watch.output;
+    EXPECT_FALSE(fs::exists(kBatchFile));
+    std::vector<std::string> lines;
+    std::istringstream in(watch.output);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    ASSERT_FALSE(lines.empty());
+    if (json) {
+      for (const std::string& line : lines) EXPECT_TRUE(ParseJson(line).has_value()) << line;
+      JsonValue end = ParseJson(lines.back()).value_or(JsonValue{});
+      EXPECT_EQ(end["state"].text, "idle");
+      EXPECT_EQ(Count(end["last_run"]["lines"]), 5000u);
+    } else {
+      EXPECT_EQ(lines.back().find("last run: "), 0u) << watch.output;
+      EXPECT_NE(lines.back().find(", 5000 queue lines, 0 files indexed"), std::string::npos) << watch.output;
+      // The progress lines come before the report.
+      for (const std::string& line : lines) {
+        if (line.starts_with("daemon: ")) break;
+        EXPECT_NE(line.find("/5000 lines, "), std::string::npos) << line;
+      }
+    }
+  }
+}
+
+// A daemon stopped mid-run leaves "running" behind: the client must say the run was cut short,
+// not that it goes on. A restart runs the batch, and its summary outlives the next restart.
+TEST_F(RunStatusReport, StoppedDaemonsRunIsCutShortAndTheLastRunOutlivesARestart) {
+  StartIdle();
+  StartLongRun("line");
+  while (!Published() || !Published()->running) std::this_thread::sleep_for(1ms);
+  ASSERT_GE(StopDaemon(pid_), 0);
+  pid_ = -1;
+  CommandResult stopped = RunCommand({kClient, "status"});
+  EXPECT_EQ(ExitCode(stopped), 3);
+  EXPECT_NE(stopped.output.find("daemon: not running\n"), std::string::npos) << stopped.output;
+  EXPECT_NE(stopped.output.find("run: cut short at "), std::string::npos) << stopped.output;
+  EXPECT_EQ(ClientJson({kClient, "status", "--json"})["state"].text, "interrupted");
+
+  pid_ = StartDaemon(kFastClock);
+  ASSERT_GT(pid_, 0);
+  ASSERT_TRUE(WaitForHups(2));
+  ASSERT_GE(StopDaemon(pid_), 0);
+  pid_ = StartDaemon(kFastClock);  // nothing queued: no run at start
+  ASSERT_GT(pid_, 0);
+  JsonValue json = ClientJson({kClient, "status", "--json"});
+  EXPECT_EQ(json["state"].text, "idle");
+  EXPECT_EQ(json["daemon"]["pid"].number, pid_);
+  EXPECT_EQ(Count(json["last_run"]["lines"]), 20000u);
+}
+
+class FailureList : public DaemonSandboxTest {
+ protected:
+  void Run(const std::vector<std::string>& lines) {
+    for (const auto& line : lines) ASSERT_TRUE(AppendQueueLine(line));
+    ASSERT_TRUE(SignalDaemon());
+    ASSERT_TRUE(WaitForHups(++runs_));
+  }
+  static std::vector<FailureEntry> Listed() {
+    std::vector<FailureEntry> entries;
+    JsonValue json = ClientJson({kClient, "failures", "--json"});
+    for (const JsonValue& item : json["failures"].items)
+      entries.push_back({static_cast<int64_t>(item["time"].number), item["path"].text, item["reason"].text});
+    return entries;
+  }
+  static size_t RecordLines() {
+    std::string text = ReadFile(kFailureRecordPath);
+    return std::count(text.begin(), text.end(), '\n');
+  }
+  int runs_ = 1;
+};
+
+// Damaged files of four handlers are listed once each with the first message logged for them,
+// across two runs; files whose handling logs a notice but saves the row are not.
+TEST_F(FailureList, EachDamagedFileOnceWithTheMessageLoggedForItAndNoOrdinaryFile) {
+  StartIdle();
+  const std::string folder = kMusic + "/mixed";
+  const std::string longFolder = folder + "/" + std::string(254, 'L');  // cut from the album field
+  fs::create_directories(longFolder);
+  WriteMp3(folder + "/ok.mp3");
+  WriteMp3(longFolder + "/ok.mp3");
+  for (const char* name : {"bad.mp3", "bad.wav", "bad.flac"}) WriteJunk(folder + "/" + name);
+  std::ofstream(folder + "/empty.mp3").flush();
+  // Each with the first of the messages its handling logs.
+  const std::map<std::string, std::string> damaged = {
+      {folder + "/bad.mp3", "metaid3.cpp MPEG Header not found"},
+      {folder + "/empty.mp3", "metaid3.cpp Can't find valid mpeg header: " + folder + "/empty.mp3"},
+      {folder + "/bad.wav", "metamedia.cpp Failed to av_open_input_file() file [" + folder + "/bad.wav]."},
+      {folder + "/bad.flac", "flac.cpp Can't get Flac stream info: " + folder + "/bad.flac."}};
+  // "d:" of a file that is still there is skipped with a notice, not a failure.
+  std::vector<std::string> batch = {"A:" + folder, "d:" + folder + "/ok.mp3"};
+  // A FLAC file without comments is saved with its stream figures, after a notice (read in place).
+  const std::string noComments = std::string(ORVO_CORPUS_DIR) + "/flac/no-tags.flac";
+  const bool haveCorpus = fs::exists(noComments);
+  if (haveCorpus) batch.push_back("a:" + noComments);
+  Run(batch);
+  ASSERT_GE(SandboxLogCount("Impossible error."), 1);
+  ASSERT_GE(SandboxLogCount("File exists. Skip remove it from database."), 1);
+  if (haveCorpus) {
+    ASSERT_GE(SandboxLogCount("Can't get Flac comment tags: " + noComments), 1);
+  }
+  Run(batch);
+
+  std::vector<FailureEntry> listed = Listed();
+  std::map<std::string, std::string> reasons, withoutLines;
+  for (const FailureEntry& entry : listed) {
+    EXPECT_TRUE(reasons.emplace(entry.path, entry.reason).second) << entry.path << " listed twice";
+    EXPECT_GE(SandboxLogCount(entry.reason), 2) << entry.reason;  // logged in each run
+    // Compared without the source line, which moves whenever the module is edited.
+    std::string reason = entry.reason;
+    size_t open = reason.find(" ("), close = reason.find(") ");
+    if (open != std::string::npos && close != std::string::npos && open < close) reason.erase(open, close - open + 1);
+    withoutLines[entry.path] = reason;
+  }
+  EXPECT_EQ(withoutLines, damaged);
+  EXPECT_EQ(RecordLines(), 2 * damaged.size());
+  EXPECT_EQ(Count(ClientJson({kClient, "status", "--json"})["last_run"]["failures"]), damaged.size());
+
+  CommandResult text = RunCommand({kClient, "failures"});
+  EXPECT_EQ(ExitCode(text), 0);
+  for (const FailureEntry& entry : listed) {
+    EXPECT_NE(text.output.find("  " + entry.path + "\n    " + entry.reason + "\n"), std::string::npos) << text.output;
+  }
+}
+
+// More failures than the record keeps: the newest thousand are listed, the file is compacted
+// before it passes twice that, and both outlive a restart; a new failure comes first.
+TEST_F(FailureList, RecordKeepsTheNewestThousandAndSurvivesARestart) {
+  StartIdle();
+  const std::string folder = kMusic + "/junk";
+  fs::create_directories(folder);
+  const int kJunk = 1100;
+  for (int i = 0; i < kJunk; ++i) WriteJunk(folder + "/j" + std::to_string(i) + ".mp3");
+  Run({"A:" + folder});
+  EXPECT_EQ(RecordLines(), static_cast<size_t>(kJunk));
+  std::vector<FailureEntry> first = Listed();
+  EXPECT_EQ(first.size(), kFailureRecordKeep);
+  Run({"A:" + folder});
+  EXPECT_LT(RecordLines(), 2 * kFailureRecordKeep);
+  EXPECT_GE(RecordLines(), kFailureRecordKeep);
+  EXPECT_EQ(Listed().size(), kFailureRecordKeep);
+
+  ASSERT_GE(StopDaemon(pid_), 0);
+  pid_ = StartDaemon(kFastClock);
+  ASSERT_GT(pid_, 0);
+  std::vector<FailureEntry> restarted = Listed();
+  EXPECT_EQ(restarted.size(), kFailureRecordKeep);
+  WriteJunk(folder + "/new.mp3");
+  ASSERT_TRUE(AppendQueueLine("a:" + folder + "/new.mp3") && SignalDaemon() && WaitForHups(runs_ + 1));
+  std::vector<FailureEntry> after = Listed();
+  ASSERT_EQ(after.size(), kFailureRecordKeep);
+  EXPECT_EQ(after.front().path, folder + "/new.mp3");
+  // Everything else moved down one place.
+  EXPECT_EQ(after[1].path, restarted[0].path);
+}
+
+}  // namespace
