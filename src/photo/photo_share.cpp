@@ -314,9 +314,9 @@ int ORVOPhotoShareUpdate(const char* path, int operation) {
   snprintf(shareName, sizeof shareName, "%s", ShareName(path));
   CText quoted = QuoteSql(shareName);
   if (!quoted) return -1;
-  // LIKE-escaped from the unquoted name, unlike the other routines; kept
-  // deliberately (the escaper keeps quote runs even, so it stays safe).
-  CText like = EscapeLike(shareName);
+  // Deliberate departure: LIKE-escaped from the quoted name like every other routine; from the unquoted
+  // name a run of two quotes read as one, and "x''y" matched the sub-albums of "x'y" instead of its own.
+  CText like = EscapeLike(quoted.get());
   if (!like) return -1;
 
   std::string statement;
