@@ -324,8 +324,7 @@ int ORVOPhotoShareUpdate(const char* path, int operation) {
   snprintf(shareName, sizeof shareName, "%s", ShareName(path));
   CText quoted = QuoteSql(shareName);
   if (!quoted) return -1;
-  // Deliberate departure: LIKE-escaped from the quoted name like every other routine; from the unquoted
-  // name a run of two quotes read as one, and "x''y" matched the sub-albums of "x'y" instead of its own.
+  // Deliberate departure: LIKE-escaped from the quoted name, as elsewhere; from the raw name "x''y" matched "x'y/...".
   CText like = EscapeLike(quoted.get());
   if (!like) return -1;
 
