@@ -1,6 +1,9 @@
 // IndexPhoto's media row against ORVOPhotoIndexAdd's photo row, the renames and the album table, on both backends.
 #include <utime.h>
 
+#include <set>
+#include <sstream>
+
 #include "handlers/handlers.h"
 #include "photo/photo_index.h"
 #include "photo/photo_share.h"
@@ -276,6 +279,58 @@ TEST_P(PhotoShareTable, NamesCannotBreakStatements) {
   EXPECT_EQ(Names(), "it's \\ 100XX\nre'named%");
   EXPECT_EQ(Delete("re'named%"), 0);
   EXPECT_EQ(Names(), "it's \\ 100XX");
+}
+
+// A name's LIKE pattern matches its own rows only: runs of one, two and three quotes, backslashes and
+// wildcards, each beside its lookalikes ("x''y" used to delete the sub-albums of "x'y" and keep its own).
+TEST_P(PhotoShareTable, LikePatternOfOneAlbumNeverMatchesAnother) {
+  const std::vector<std::string> names = {"x'y", "x''y", "x'''y", "x''", "x\\y", "x\\\\y", "x%y", "x_y", "xzy", "x"};
+  auto sub = [](size_t i) { return "/s" + std::to_string(i); };
+  // The table as it must be: album k renamed when renamed[k], its sub-album there unless swept[k],
+  // both gone when deleted[k].
+  std::vector<bool> renamed(names.size()), swept(names.size()), deleted(names.size());
+  auto expected = [&] {
+    std::set<std::string> rows;
+    for (size_t k = 0; k < names.size(); ++k) {
+      if (deleted[k]) continue;
+      std::string album = (renamed[k] ? "r" : "") + names[k];
+      rows.insert(album);
+      if (!swept[k]) rows.insert(album + sub(k));
+    }
+    return rows;
+  };
+  auto table = [] {
+    std::set<std::string> rows;
+    std::istringstream in(Names());
+    for (std::string line; std::getline(in, line);) rows.insert(line);
+    return rows;
+  };
+  for (size_t i = 0; i < names.size(); ++i) {
+    ASSERT_EQ(Add(names[i]), 0) << names[i];
+    ASSERT_EQ(Add(names[i] + sub(i)), 0) << names[i];
+  }
+  for (size_t i = 0; i < names.size(); ++i) {
+    ASSERT_EQ(Rename("r" + names[i], names[i]), 0) << names[i];
+    renamed[i] = true;
+    ASSERT_EQ(table(), expected()) << "renamed " << names[i];
+  }
+  for (size_t i = 0; i < names.size(); ++i) {
+    ASSERT_EQ(ORVOPhotoShareUpdatedReset(("r" + names[i]).c_str()), 0);
+    EXPECT_EQ(Photo("select sharename from photo_share where updated = 'false'"), "r" + names[i] + sub(i));
+    ASSERT_EQ(ORVOPhotoShareUnmarkedDelete(("r" + names[i]).c_str()), 0);
+    swept[i] = true;
+    ASSERT_EQ(table(), expected()) << "swept below " << names[i];
+  }
+  // Deleted from the last on, so that each name goes while its lookalikes are still there.
+  for (size_t i = 0; i < names.size(); ++i) {
+    ASSERT_EQ(Add("r" + names[i] + sub(i)), 0);
+    swept[i] = false;
+  }
+  for (size_t i = names.size(); i-- > 0;) {
+    ASSERT_EQ(Delete("r" + names[i]), 0) << names[i];
+    deleted[i] = true;
+    ASSERT_EQ(table(), expected()) << "deleted " << names[i];
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, PhotoShareTable, ::testing::ValuesIn(orvo::test::DatabaseBackends()));

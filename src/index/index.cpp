@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "index/folder_visits.h"
 #include "index/handler_table.h"
 #include "index/reindex.h"
 #include "index/run_progress.h"
@@ -29,20 +30,6 @@ struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 using DirPtr = std::unique_ptr<DIR, DirCloser>;
-
-// One directory on the current walk path, from the walk's root down.
-struct WalkFrame {
-  dev_t device;
-  ino_t inode;
-  const WalkFrame* parent;
-};
-
-bool OnWalkPath(const WalkFrame* frame, dev_t device, ino_t inode) {
-  for (; frame != nullptr; frame = frame->parent) {
-    if (frame->device == device && frame->inode == inode) return true;
-  }
-  return false;
-}
 
 // The file steps of IndexFile once the path is known not to be a directory.
 int IndexNonDirectory(const char* path, int mode) {
@@ -76,38 +63,35 @@ void IndexWalkedFile(const char* file, int operation, int type, bool knownRegula
   }
 }
 
-void WalkFolder(const char* path, int operation, int type, const WalkFrame* parent);
+void WalkFolder(const char* path, int operation, int type, FolderVisits& visits);
 
 // One directory entry of a walk. The entry type from readdir saves the two
-// path lookups for plain files and folders; links and unknown types go
-// through the platform's tests, which follow links.
+// path lookups for plain files and folders; links, unknown types and cut
+// paths go through the platform's tests, which follow links.
 void WalkEntry(const char* child, unsigned char entryType, int operation, int type,
-               const WalkFrame* frame) {
+               FolderVisits& visits) {
   if (entryType == DT_DIR) {
-    WalkFolder(child, operation, type, frame);
+    WalkFolder(child, operation, type, visits);
   } else if (entryType == DT_REG) {
     IndexWalkedFile(child, operation, type, true);
   } else if (IsDirExist(child)) {
-    WalkFolder(child, operation, type, frame);
+    // Deliberate departure: a link to a folder of the same share is not followed, so no row gets a second path.
+    if (!IsLinkWithinShare(visits, child)) WalkFolder(child, operation, type, visits);
   } else if (IsFileExist(child, nullptr)) {
     IndexWalkedFile(child, operation, type, false);
   }
 }
 
-void WalkFolder(const char* path, int operation, int type, const WalkFrame* parent) {
+void WalkFolder(const char* path, int operation, int type, FolderVisits& visits) {
   if (IsInRecycleBin(path)) return;
   DirPtr dir(opendir(path));
   if (!dir) {
     ORVO_LOG("%s (%d) Failed to open directory %s ", path);
     return;
   }
-  // The platform follows symbolic links, so a link pointing up the tree (or a
-  // path cut short at 4095 bytes that names its own parent) would make the
-  // walk loop for ever and fill the database. A directory already on the
-  // current walk path is therefore not entered again.
+  // Deliberate departure: a folder is entered once per walk, however many links or cut paths lead to it.
   struct stat st;
-  if (fstat(dirfd(dir.get()), &st) != 0 || OnWalkPath(parent, st.st_dev, st.st_ino)) return;
-  const WalkFrame frame{st.st_dev, st.st_ino, parent};
+  if (fstat(dirfd(dir.get()), &st) != 0 || !FirstVisit(visits, st.st_dev, st.st_ino)) return;
 
   if (type & kIndexMediaDb) IndexFile(path, operation);
 
@@ -117,9 +101,22 @@ void WalkFolder(const char* path, int operation, int type, const WalkFrame* pare
   while (const dirent* entry = readdir(dir.get())) {
     const char* name = entry->d_name;
     if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0 || strcmp(name, "@eaDir") == 0) continue;
-    snprintf(child.get(), kPathSize, "%s/%s", path, name);
-    WalkEntry(child.get(), entry->d_type, operation, type, &frame);
+    int length = snprintf(child.get(), kPathSize, "%s/%s", path, name);
+    // A cut path names some other file or none: the entry type says nothing
+    // about it, so it takes the platform's tests and is usually skipped.
+    bool cut = length < 0 || static_cast<size_t>(length) >= kPathSize;
+    unsigned char entryType = cut ? static_cast<unsigned char>(DT_UNKNOWN) : entry->d_type;
+    WalkEntry(child.get(), entryType, operation, type, visits);
   }
+}
+
+// False, with the reason logged, when the share's folder cannot be listed:
+// its volume is not mounted, or the folder is gone.
+bool ShareFolderOpens(const char* folder) {
+  int error = FolderOpenError(folder);
+  if (error == 0) return true;
+  ORVO_LOG("%s (%d) Cannot open share folder %s (%s); its rows are kept.", folder, strerror(error));
+  return false;
 }
 
 // Empties a share and indexes it again from its real directory.
@@ -128,6 +125,8 @@ void ReindexShare(const char* link) {
   memset(target, 0, sizeof target);
   // One byte short of the buffer so the target always stays NUL-terminated.
   if (readlink(link, target, sizeof target - 1) == -1) return;
+  // Deliberate departure: a share whose folder cannot be opened keeps its rows instead of being emptied.
+  if (!ShareFolderOpens(target)) return;
   MediaInfoDBDelete(5, target);
   IndexFolder(target, kFolderAdd, kIndexMediaDb);
 }
@@ -162,7 +161,8 @@ int IndexFolder(const char* path, int operation, int type) {
     case kFolderAdd:
     case kFolderRefresh:
       if (IsDirExist(path)) {
-        WalkFolder(path, operation, type, nullptr);
+        FolderVisits visits = StartFolderVisits(path);
+        WalkFolder(path, operation, type, visits);
       } else if (IsFileExist(path, nullptr)) {
         IndexWalkedFile(path, operation, type, false);
       }

@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "index/folder_visits.h"
 #include "index/index.h"  // the one downward call back: a renamed folder with no rows is walked
 #include "index/run_progress.h"
 #include "meta/exif.h"
@@ -354,7 +355,9 @@ int ORVOPhotoReconcileDir(const char* dir, char** files) {
   std::vector<std::string> added;
   for (char** name = files; *name != nullptr; ++name) {
     char full[4096] = {};
-    snprintf(full, sizeof full, "%s/%s", dir, *name);
+    int length = snprintf(full, sizeof full, "%s/%s", dir, *name);
+    // Deliberate departure: a path cut at the buffer names another file or none, so it gets no row and no thumbnail.
+    if (length < 0 || static_cast<size_t>(length) >= sizeof full) continue;
     if (known.count(full) != 0) {
       knownAgain.emplace_back(full);
     } else {
@@ -369,21 +372,13 @@ int ORVOPhotoReconcileDir(const char* dir, char** files) {
 
 namespace {
 
-// A folder on the way down from the sweep's start, so a link that points
-// back up the tree is not walked again and again.
-struct FolderId {
-  dev_t device;
-  ino_t inode;
-};
-
-int SweepFolder(const char* dir, std::vector<FolderId>& ancestors) {
+int SweepFolder(const char* dir, FolderVisits& visits) {
   if (IsInRecycleBin(dir)) return 0;
 
   struct stat64 st;
   if (stat64(dir, &st) != 0) return 0;
-  for (const FolderId& id : ancestors) {
-    if (id.device == st.st_dev && id.inode == st.st_ino) return 0;
-  }
+  // Deliberate departure: a folder is swept once per sweep, however many links lead to it.
+  if (!FirstVisit(visits, st.st_dev, st.st_ino)) return 0;
 
   WorkingFolderRestore restore;
   if (!restore.Save()) {
@@ -399,7 +394,6 @@ int SweepFolder(const char* dir, std::vector<FolderId>& ancestors) {
     if (files.Run("*.*", 0)) ORVOPhotoReconcileDir(dir, files.matches.gl_pathv);
   }
 
-  ancestors.push_back({st.st_dev, st.st_ino});
   GlobOwner folders;
   if (folders.Run("*", GLOB_ONLYDIR)) {
     std::string child;
@@ -409,22 +403,30 @@ int SweepFolder(const char* dir, std::vector<FolderId>& ancestors) {
       if (strstr(name, "@eaDir") != nullptr) continue;
       child.assign(dir).append("/").append(name);
       if (child.size() >= 4096) continue;  // would not fit a path buffer
-      SweepFolder(child.c_str(), ancestors);
+      // Deliberate departure: a link to a folder of the same share is not followed, so no row gets a second path.
+      if (IsLinkWithinShare(visits, child.c_str())) continue;
+      SweepFolder(child.c_str(), visits);
     }
   }
-  ancestors.pop_back();
   return 0;
 }
 
 }  // namespace
 
 int ORVOPhotoSweep(const char* dir) {
-  std::vector<FolderId> ancestors;
-  if (dir != nullptr) return SweepFolder(dir, ancestors);
+  if (dir != nullptr) {
+    FolderVisits visits = StartFolderVisits(dir);
+    return SweepFolder(dir, visits);
+  }
 
   char root[4096] = {};
   if (readlink(kPhotoRootLink, root, sizeof root - 1) == -1) {
     ORVO_LOG("%s (%d) Failed to read link of %s", kPhotoRootLink);
+    return -1;
+  }
+  // Deliberate departure: a share folder that cannot be listed (volume not mounted) keeps its rows.
+  if (int error = FolderOpenError(root); error != 0) {
+    ORVO_LOG("%s (%d) Cannot open share folder %s (%s); its rows are kept.", root, strerror(error));
     return -1;
   }
   if (ORVOPhotoInitAllRows() == -1) {
@@ -433,7 +435,8 @@ int ORVOPhotoSweep(const char* dir) {
   }
   // Without the walk no row was marked again: deleting now would empty the
   // photo database.
-  if (SweepFolder(root, ancestors) == -1) return -1;
+  FolderVisits visits = StartFolderVisits(root);
+  if (SweepFolder(root, visits) == -1) return -1;
   if (ORVOPhotoDeleteNoUpdateRows() == -1) {
     ORVO_LOG("%s (%d) Failed to delete none updated rows.");
     return -1;

@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 
+#include "index/folder_visits.h"
 #include "photo/photo_index.h"
 #include "photo/photo_scoped.h"
 #include "photo/photo_sql.h"
@@ -80,6 +81,15 @@ bool ReadPhotoRoot(char (&root)[4096]) {
 // CheckPhotoShareFs the listing itself cannot be trusted.
 bool IsListedFolder(const char* name) {
   return gPhotoShareFsFlag == 0 || IsDirectoryEntry(name);
+}
+
+// True the first time this listing of albums meets the folder; false for a
+// link to a folder of the photo share, or a folder met under another name.
+bool FirstVisitOfFolder(FolderVisits& visits, const char* path) {
+  // Deliberate departure: an album or sub-album reached through a link of the share, or a second time, gets no row.
+  if (IsLinkWithinShare(visits, path)) return false;
+  struct stat64 st;
+  return stat64(path, &st) == 0 && FirstVisit(visits, st.st_dev, st.st_ino);
 }
 
 }  // namespace
@@ -314,9 +324,8 @@ int ORVOPhotoShareUpdate(const char* path, int operation) {
   snprintf(shareName, sizeof shareName, "%s", ShareName(path));
   CText quoted = QuoteSql(shareName);
   if (!quoted) return -1;
-  // LIKE-escaped from the unquoted name, unlike the other routines; kept
-  // deliberately (the escaper keeps quote runs even, so it stays safe).
-  CText like = EscapeLike(shareName);
+  // Deliberate departure: LIKE-escaped from the quoted name, as elsewhere; from the raw name "x''y" matched "x'y/...".
+  CText like = EscapeLike(quoted.get());
   if (!like) return -1;
 
   std::string statement;
@@ -364,6 +373,7 @@ int ORVOPhotoShareAddTree(const char* path) {
   }
   // Listing the folder we are still in would add another folder's children.
   if (chdir(path) != 0) return 0;
+  FolderVisits visits = StartFolderVisits(path);
   GlobOwner folders;
   if (folders.Run("*", GLOB_ONLYDIR)) {
     for (size_t i = 0; i < folders.matches.gl_pathc; ++i) {
@@ -371,6 +381,7 @@ int ORVOPhotoShareAddTree(const char* path) {
       if (!IsListedFolder(name) || strstr(name, "@eaDir") != nullptr) continue;
       char child[4096] = {};
       snprintf(child, sizeof child, "%s/%s", path, name);
+      if (!FirstVisitOfFolder(visits, child)) continue;
       ORVOPhotoShareUpdate(child, 1);
     }
   }
@@ -422,11 +433,12 @@ int ORVOPhotoShareRename(const char* newPath, const char* oldPath) {
   return 0;
 }
 
-int ORVOPhotoShareSync(const char* albumPath) {
+namespace {
+
+// ORVOPhotoShareSync with the photo root read once for the whole sync.
+int SyncAlbums(const char* albumPath, const char* root, FolderVisits& visits) {
   if (albumPath != nullptr && ORVOPhotoShareDirLevel(albumPath) != 0) return 0;
 
-  char root[4096];
-  if (!ReadPhotoRoot(root)) return -1;
   const char* folder = albumPath != nullptr ? albumPath : root;
   if (albumPath == nullptr && ORVOPhotoShareUpdatedReset(nullptr) != 0) {
     ORVO_LOG("%s (%d) Failed to set updated to 0 for all rows.");
@@ -442,6 +454,8 @@ int ORVOPhotoShareSync(const char* albumPath) {
     // Without the listing nothing was marked again: sweeping now would
     // empty the album table, so the rows stay marked until the next sync.
     if (chdir(folder) != 0) return albumPath == nullptr ? -1 : 0;
+    struct stat64 st;
+    if (stat64(".", &st) == 0) FirstVisit(visits, st.st_dev, st.st_ino);  // no album leads back here
 
     GlobOwner folders;
     if (folders.Run("*", GLOB_ONLYDIR)) {
@@ -450,9 +464,10 @@ int ORVOPhotoShareSync(const char* albumPath) {
         if (!IsListedFolder(name) || strstr(name, "@eaDir") != nullptr || strcmp(name, "#recycle") == 0) {
           continue;
         }
+        if (!FirstVisitOfFolder(visits, Format("%s/%s", folder, name).c_str())) continue;
         if (albumPath == nullptr) {
           ORVOPhotoShareMark(name);
-          ORVOPhotoShareSync(Format("%s/%s", root, name).c_str());
+          SyncAlbums(Format("%s/%s", root, name).c_str(), root, visits);
         } else {
           ORVOPhotoShareMark(Format("%s/%s", ShareName(albumPath), name).c_str());
         }
@@ -465,4 +480,14 @@ int ORVOPhotoShareSync(const char* albumPath) {
     return -1;
   }
   return 0;
+}
+
+}  // namespace
+
+int ORVOPhotoShareSync(const char* albumPath) {
+  if (albumPath != nullptr && ORVOPhotoShareDirLevel(albumPath) != 0) return 0;
+  char root[4096];
+  if (!ReadPhotoRoot(root)) return -1;
+  FolderVisits visits = StartFolderVisits(albumPath != nullptr ? albumPath : root);
+  return SyncAlbums(albumPath, root, visits);
 }

@@ -14,5 +14,6 @@ photo_scoped::CText QuoteSql(const char* text, std::source_location caller = std
 // An already quoted text escaped once more for a LIKE pattern.
 photo_scoped::CText EscapeLike(const char* quoted,
                                std::source_location caller = std::source_location::current());
-// QuoteSql, then EscapeLike: the form of nearly every LIKE condition.
+// QuoteSql, then EscapeLike: the form of every LIKE condition. EscapeLike on
+// unquoted text would read a run of two quotes as one and match another name.
 photo_scoped::CText QuotedLike(const char* text, std::source_location caller = std::source_location::current());

@@ -1,0 +1,217 @@
+// Hostile trees through the daemon: folders that link to each other, a child path cut at the path
+// buffer, and a share whose folder is missing when it is re-indexed.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include "formats_testutil.h"
+#include "mp3_test_bytes.h"
+#include "photo/photo_index.h"
+#include "photo/photo_share.h"
+#include "platform/orvodb.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using namespace orvo::test;
+using Paths = std::multiset<std::string>;
+
+const std::string kMusic = "/volume1/music";
+const std::string kPhoto = "/volume1/photo";
+const std::string kThumbQueue = "/var/spool/orvo_thumb_queue";
+
+// Every row's first column; a multiset, so that a row stored twice shows.
+Paths Column(const std::string& db, const std::string& sql) {
+  Paths out;
+  for (const auto& row : QuerySqlite(db, sql)) out.insert(row.at(0));
+  return out;
+}
+Paths PhotoRows() { return Column(kPhotoDbFile, "select path from photo_image"); }
+Paths Albums() { return Column(kPhotoDbFile, "select sharename from photo_share"); }
+Paths ThumbnailRequests() {
+  Paths out;
+  std::istringstream in(ReadFile(kThumbQueue));
+  for (std::string line; std::getline(in, line);) out.insert(line);
+  return out;
+}
+
+bool RunLine(const std::string& line, int hups) { return AppendQueueLine(line) && SignalDaemon() && WaitForHups(hups); }
+
+std::string Mp3Bytes() {
+  using namespace mp3test;
+  return Id3v2(4, Frame24("TIT2", Text("Song"))) + XingStream(500, 40);
+}
+
+// `names` as folders of `share`, each holding a link to every other one ("to_<name>", relative) and
+// one to the share itself ("up").
+void CrossLink(const std::string& share, const std::vector<std::string>& names) {
+  for (const std::string& name : names) fs::create_directories(share + "/" + name);
+  for (const std::string& name : names) {
+    for (const std::string& other : names)
+      if (other != name) fs::create_directory_symlink("../" + other, share + "/" + name + "/to_" + other);
+    fs::create_directory_symlink("..", share + "/" + name + "/up");
+  }
+}
+
+std::vector<std::string> Numbered(const std::string& prefix, int count) {
+  std::vector<std::string> names;
+  for (int i = 0; i < count; ++i) names.push_back(prefix + std::to_string(i));
+  return names;
+}
+
+using WalkGuardSandbox = DaemonSandboxTest;
+
+// Eight albums that all link to each other once took R:photo 15 s and left 109,600 rows under alias
+// paths. Every walk of the photo share now leaves one row per picture and per album folder, under its
+// real path; a link out of the share is still followed; rows left under an alias earlier are swept.
+TEST_F(WalkGuardSandbox, CrossLinkedPhotoFoldersGetOneRowEachInEveryWalk) {
+  formats_test::TempDir tmp;
+  const std::string jpeg = tmp.File("p.jpg");
+  ASSERT_TRUE(formats_test::Ffmpeg("-f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + jpeg + "'"));
+  const std::vector<std::string> albums = Numbered("A", 8);
+  CrossLink(kPhoto, albums);
+  Paths pictures, folders = {"Ext"};
+  for (const std::string& album : albums) {
+    fs::create_directories(kPhoto + "/" + album + "/S");
+    fs::create_directory_symlink("../..", kPhoto + "/" + album + "/S/root");
+    for (const std::string& picture : {album + "/p.jpg", album + "/S/q.jpg"}) {
+      fs::copy_file(jpeg, kPhoto + "/" + picture);
+      pictures.insert(kPhoto + "/" + picture);
+    }
+    folders.insert({album, album + "/S"});
+  }
+  fs::create_directory_symlink("A0", kPhoto + "/Z");  // an album that is another album
+  fs::create_directories("/volume1/elsewhere");
+  fs::copy_file(jpeg, "/volume1/elsewhere/o.jpg");
+  fs::create_directory_symlink("/volume1/elsewhere", kPhoto + "/Ext");
+  pictures.insert(kPhoto + "/Ext/o.jpg");
+  // What an earlier walk left under alias paths.
+  ASSERT_EQ(ORVOPhotoShareUpdate((kPhoto + "/A1").c_str(), 1), 0);
+  ASSERT_EQ(ORVOPhotoShareUpdate((kPhoto + "/A1/to_A2").c_str(), 1), 0);
+  ASSERT_EQ(ORVOPhotoIndexAdd((kPhoto + "/A1/to_A2/p.jpg").c_str(), 1), 0);
+  ORVODBCloseAll();
+
+  StartIdle();
+  ASSERT_TRUE(RunLine("R:photo", 2));
+  EXPECT_EQ(PhotoRows(), pictures);
+  EXPECT_EQ(Albums(), folders);
+  Paths requests;
+  for (const std::string& picture : pictures) requests.insert("3:" + picture);
+  EXPECT_EQ(ThumbnailRequests(), requests);
+
+  ASSERT_TRUE(RunLine("U:photo", 3));
+  EXPECT_EQ(PhotoRows(), pictures);
+  EXPECT_EQ(ThumbnailRequests(), requests);  // a refresh asks for none
+
+  ASSERT_TRUE(RunLine("A:" + kPhoto + "/A3", 4));
+  EXPECT_EQ(PhotoRows(), pictures);
+  EXPECT_EQ(Albums(), folders);
+  requests.insert({"3:" + kPhoto + "/A3/p.jpg", "3:" + kPhoto + "/A3/S/q.jpg"});
+  EXPECT_EQ(ThumbnailRequests(), requests);
+  EXPECT_EQ(Column(kMediaDbFile, "select path from photo"), (Paths{kPhoto + "/A3/p.jpg", kPhoto + "/A3/S/q.jpg"}));
+  EXPECT_EQ(Column(kMediaDbFile, "select path from directory"), (Paths{kPhoto + "/A3", kPhoto + "/A3/S"}));
+}
+
+// The same in the music share, through A: and the share re-index of R:music and R:all.
+TEST_F(WalkGuardSandbox, CrossLinkedMusicFoldersGetOneRowEach) {
+  const std::vector<std::string> folders = Numbered("M", 8);
+  CrossLink(kMusic, folders);
+  Paths songs, directories = {kMusic};
+  for (const std::string& folder : folders) {
+    formats_test::WriteBytes(kMusic + "/" + folder + "/song.mp3", Mp3Bytes());
+    songs.insert(kMusic + "/" + folder + "/song.mp3");
+    directories.insert(kMusic + "/" + folder);
+  }
+  StartIdle();
+  int hups = 1;
+  for (const std::string& line : {"A:" + kMusic, std::string("R:music"), std::string("R:all")}) {
+    SCOPED_TRACE(line);
+    ASSERT_TRUE(RunLine(line, ++hups));
+    EXPECT_EQ(Column(kMediaDbFile, "select path from music"), songs);
+    EXPECT_EQ(Column(kMediaDbFile, "select path from directory where path like '/volume1/music%'"), directories);
+  }
+}
+
+// A child path cut at the 4096-byte buffer used to reach the photo upkeep as it was cut: a thumbnail
+// request and a photo row attempt for a file that does not exist. It is passed by without a word.
+TEST_F(WalkGuardSandbox, CutChildPathGetsNoRowNoThumbnailAndNoMessage) {
+  formats_test::TempDir tmp;
+  const std::string jpeg = tmp.File("p.jpg");
+  ASSERT_TRUE(formats_test::Ffmpeg("-f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + jpeg + "'"));
+  // The deepest folder is 4089 bytes long, so ".../a.jpg.jpg" is cut to ".../a.jpg", which does not exist.
+  std::string path = kPhoto + "/deep";
+  ASSERT_TRUE(fs::create_directory(path));
+  int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY);
+  while (fd >= 0 && path.size() < 4089) {
+    const std::string name(std::min<size_t>(4089 - path.size() - 1, 200), 'd');
+    ASSERT_EQ(mkdirat(fd, name.c_str(), 0755), 0);
+    const int next = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
+    close(fd);
+    fd = next;
+    path += "/" + name;
+  }
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(path.size(), 4089u);
+  const std::string bytes = formats_test::ReadBytes(jpeg);
+  const int file = openat(fd, "a.jpg.jpg", O_WRONLY | O_CREAT, 0644);
+  close(fd);
+  ASSERT_GE(file, 0);
+  ASSERT_EQ(write(file, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  close(file);
+
+  StartIdle();
+  int hups = 1;
+  for (const std::string& line : {"A:" + kPhoto + "/deep", std::string("U:photo"), std::string("R:photo")}) {
+    SCOPED_TRACE(line);
+    ASSERT_TRUE(RunLine(line, ++hups));
+    EXPECT_EQ(PhotoRows(), Paths{});
+    EXPECT_EQ(ThumbnailRequests(), Paths{});
+    EXPECT_EQ(SandboxLogCount("a.jpg"), 0);
+  }
+  EXPECT_EQ(Column(kMediaDbFile, "select path from photo"), Paths{});
+  // The walk did reach the folder that holds the file.
+  EXPECT_EQ(Column(kMediaDbFile, "select count(*) from directory where length(path) = 4089"), Paths{"1"});
+}
+
+// A share whose folder is missing (its volume did not mount) used to be emptied by R: and stayed empty
+// until the next re-index. Its rows stay, the log says why, and the shares that are there are redone.
+TEST_F(WalkGuardSandbox, ReindexKeepsTheRowsOfAShareWhoseFolderIsMissing) {
+  formats_test::TempDir tmp;
+  const std::string jpeg = tmp.File("p.jpg");
+  ASSERT_TRUE(formats_test::Ffmpeg("-f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + jpeg + "'"));
+  fs::create_directories(kPhoto + "/Trip");
+  fs::copy_file(jpeg, kPhoto + "/Trip/p.jpg");
+  formats_test::WriteBytes(kMusic + "/a.mp3", Mp3Bytes());
+  formats_test::WriteBytes("/volume1/video/v.mp3", Mp3Bytes());
+  StartIdle();
+  ASSERT_TRUE(RunLine("R:all", 2));
+  ASSERT_TRUE(RunLine("R:photo", 3));
+  const Paths music = {kMusic + "/a.mp3", "/volume1/video/v.mp3"};
+  ASSERT_EQ(Column(kMediaDbFile, "select path from music"), music);
+
+  fs::rename("/volume1/video", "/volume1/video-offline");
+  fs::rename(kPhoto, "/volume1/photo-offline");
+  formats_test::WriteBytes(kMusic + "/b.mp3", Mp3Bytes());
+  ASSERT_TRUE(RunLine("R:all", 4));
+  EXPECT_EQ(Column(kMediaDbFile, "select path from music"),
+            (Paths{kMusic + "/a.mp3", kMusic + "/b.mp3", "/volume1/video/v.mp3"}));
+  EXPECT_EQ(Column(kMediaDbFile, "select path from photo"), Paths{kPhoto + "/Trip/p.jpg"});
+  EXPECT_EQ(SandboxLogCount("Cannot open share folder /volume1/video (No such file or directory); its rows are kept."), 1);
+  EXPECT_EQ(SandboxLogCount("Cannot open share folder /volume1/photo (No such file or directory)"), 1);
+
+  ASSERT_TRUE(RunLine("R:photo", 5));
+  EXPECT_EQ(PhotoRows(), Paths{kPhoto + "/Trip/p.jpg"});
+  EXPECT_EQ(Albums(), Paths{"Trip"});
+  EXPECT_EQ(SandboxLogCount("Cannot open share folder /volume1/photo (No such file or directory)"), 2);
+
+  fs::rename("/volume1/video-offline", "/volume1/video");
+  fs::rename("/volume1/photo-offline", kPhoto);
+  fs::remove("/volume1/video/v.mp3");
+  ASSERT_TRUE(RunLine("R:all", 6));
+  EXPECT_EQ(Column(kMediaDbFile, "select path from music"), (Paths{kMusic + "/a.mp3", kMusic + "/b.mp3"}));
+  EXPECT_EQ(Column(kMediaDbFile, "select path from photo"), Paths{kPhoto + "/Trip/p.jpg"});
+}
+
+}  // namespace
