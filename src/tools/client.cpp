@@ -68,7 +68,9 @@ constexpr Subcommand kSubcommands[] = {
      "indexes NEW.\nNeither path may contain ':'.\n"},
     {"reindex", 'R', 1, false,
      "usage: orvoindex reindex SHARE\nRebuilds a share: 'music' the music share, 'photo' the "
-     "photo database,\nany other word all three shares in the media database.\n"},
+     "photo database,\nany other word all three shares in the media database.\n"
+     "With reindex=incremental in /etc/orvoindex.conf, a media share keeps the rows of\n"
+     "unchanged files and is never emptied first.\n"},
     {"refresh-photos", 'U', 0, false,
      "usage: orvoindex refresh-photos\nRefreshes the photo database from the photo share.\n"},
     {"truncate", 'T', 1, false,
