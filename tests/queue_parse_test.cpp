@@ -1,5 +1,7 @@
 // Queue lines (parsing, rename split, photo share test, long lines, NUL, CR-LF) and the tick decisions.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "daemon/daemon.h"
 #include "daemon/queue.h"
@@ -58,12 +60,13 @@ TEST(PhotoSharePath, OnlyTheShareAndBelowOnAShortVolumeName) {
 
 // Reads every piece of `bytes` as the queue run would.
 std::vector<std::string> Pieces(const std::string& bytes) {
-  FILE* file = bytes.empty() ? fopen("/dev/null", "r") : fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "r");
-  auto reader = std::make_unique<QueueLineReader>(file);
+  int fd = memfd_create("queue", MFD_CLOEXEC);
+  EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  auto reader = std::make_unique<QueueLineReader>(fd, 0);
   std::vector<char> line(kQueueLineSize);
   std::vector<std::string> pieces;
   while (size_t length = reader->Next(line.data())) pieces.emplace_back(line.data(), length);
-  fclose(file);
+  close(fd);
   return pieces;
 }
 

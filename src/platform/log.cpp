@@ -10,7 +10,10 @@ namespace {
 // Set only by tests; the daemon itself always logs to syslog.
 LogCapture gCapture = nullptr;
 void* gCaptureContext = nullptr;
+bool gHeld = false;
 }  // namespace
+
+void HoldLog(bool held) { gHeld = held; }
 
 void SetLogCapture(LogCapture capture, void* context) {
   gCapture = capture;
@@ -18,6 +21,7 @@ void SetLogCapture(LogCapture capture, void* context) {
 }
 
 void Log(const char* format, ...) {
+  if (gHeld) return;
   va_list args;
   va_start(args, format);
   if (gCapture != nullptr) {
