@@ -84,6 +84,24 @@ TEST(QueueReader, LinesLongerThanTheBufferComeInPiecesLikeFgets) {
             (std::vector<std::string>{piece, piece, std::string(10000 - 2 * piece.size(), 'y') + "\n", "d:/z\n"}));
 }
 
+// A writer that still has the batch open may not have written the rest of its last line yet.
+TEST(QueueReader, AnUnfinishedLastLineWaitsForItsWriterUnlessTheWriterIsDone) {
+  int fd = memfd_create("queue", MFD_CLOEXEC);
+  auto append = [&](const std::string& text) { ASSERT_EQ(write(fd, text.data(), text.size()), ssize_t(text.size())); };
+  append("a:/x\nd:/y");
+  QueueLineReader reader(fd, 0);
+  std::vector<char> line(kQueueLineSize);
+  auto next = [&](bool takeUnfinished) { return std::string(line.data(), reader.Next(line.data(), takeUnfinished)); };
+  EXPECT_EQ(next(false), "a:/x\n");
+  EXPECT_EQ(next(false), "");
+  EXPECT_EQ(reader.Offset(), 5);
+  append("z\nR:music");
+  EXPECT_EQ(next(false), "d:/yz\n");
+  EXPECT_EQ(next(true), "R:music");
+  EXPECT_EQ(reader.Offset(), 18);
+  close(fd);
+}
+
 // The tick decisions; the loop itself runs in DaemonLifecycle.NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne.
 TEST(Debounce, ARunOnlyAfterAWholeQuietSleepFollowingASignal) {
   EXPECT_EQ(DecideTick(0, 0), TickAction::kNone);

@@ -326,7 +326,7 @@ void DbMarkLost(ORVODB* db, uint64_t from) {
   if (!gInRun || from == 0) return;
   if (gLoss.from == 0) {
     gLoss.database = db->which;
-    gLoss.reason = db->error;
+    gLoss.reason = db->error.substr(0, db->error.find('\n'));  // the server adds the statement
     orvo::HoldLog(true);
   }
   if (gLoss.from == 0 || from < gLoss.from) gLoss.from = from;
