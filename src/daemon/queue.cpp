@@ -116,7 +116,8 @@ void SetAside(const char* path, mode_t mode) {
     if (rc != 0 && errno == EINVAL) {
       // A file system without RENAME_NOREPLACE: look first.
       struct stat st;
-      rc = lstat(aside, &st) == 0 ? (errno = EEXIST, -1) : rename(path, aside);
+      if (lstat(aside, &st) == 0) continue;
+      rc = rename(path, aside);
     }
     if (rc == 0) {
       ORVO_LOG("%s (%d) %s is %s, not a regular file: moved it aside to %s", path, KindOf(mode), aside);
@@ -212,7 +213,9 @@ class WriteLease {
     sigaction(SIGIO, &savedSigio_, nullptr);
     fd_ = -1;
   }
-  bool Held() const { return fd_ >= 0; }
+  // True when another process has begun to open the file since the lease
+  // was granted: its open waits for the release, and then it has the file.
+  bool Broken() const { return fd_ >= 0 && fcntl(fd_, F_GETLEASE) != F_WRLCK; }
 
  private:
   int fd_ = -1;
@@ -447,7 +450,8 @@ BatchOutcome RunQueueBatch(const QueueFiles& files, QueueExecutor execute, void*
              strerror(errno), static_cast<long long>(run.reader.Offset()));
     return BatchOutcome::kKept;
   }
-  if (!closed) {
+  if (!closed || lease.Broken()) {
+    lease.Release();
     // Deliberate departure: a batch that another program still has open is
     // kept, and later runs read on, rather than deleted under its writer.
     Keep(kept, fd, KeptBatch::kWriter, run.reader.Offset());

@@ -84,7 +84,8 @@ uint64_t ORVODBLastNumber();
 uint64_t ORVODBFirstUncommitted();
 
 // 0 when `which` can be written now (on SQLite its write lock can be taken;
-// on PostgreSQL the server answers), -1 otherwise. Logs nothing.
+// on PostgreSQL the server answers), -1 otherwise. Logs nothing. For use
+// between runs.
 int ORVODBProbe(OrvoDatabase which);
 
 // Executes exactly one statement (a trailing ';' is allowed; text holding a
