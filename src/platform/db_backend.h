@@ -106,9 +106,6 @@ using DbParam = const char*;
 // True while the backend connection is open.
 bool DbIsOpen(const ORVODB* db);
 
-// The number of the statement being made (orvodb.h).
-uint64_t DbCurrentNumber();
-
 // Records, during a run, that the work of statements numbered `from` on was
 // lost to db's transient failure (db->error says which); holds later
 // statements and the log. Call it before logging the failure.

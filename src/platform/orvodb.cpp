@@ -272,7 +272,6 @@ int DbRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
 }
 
 int DbVacuum(ORVODB* db) {
-  // A vacuum loses no work when it fails, so it is never a run's loss.
   if (Held(db) || EnsureOpen(db) != 0) return -1;
   if (DbCommitGroup(db) != 0) return -1;
   int rc = db->backend == DbBackend::kSqlite ? SqliteControl(db, "vacuum") : PgControl(db, "vacuum");
@@ -319,8 +318,6 @@ void ORVODBCloseAll() {
 }
 
 // --- a queue run's losses ---
-
-uint64_t DbCurrentNumber() { return gLastNumber; }
 
 void DbMarkLost(ORVODB* db, uint64_t from) {
   if (!gInRun || from == 0) return;
