@@ -99,8 +99,7 @@ void RunMainLoop() {
         ran = true;
         break;
     }
-    // Deliberate departure: a kept batch runs again after a few quiet ticks
-    // without waiting for a signal, so that its work is done once it can be.
+    // Deliberate departure: a kept batch runs again after a few quiet ticks, without waiting for a signal.
     const int retryTicks = IndexingRetryTicks();
     if (!ran && retryTicks > 0 && ticksSinceRun >= retryTicks) {
       RunIndexingQueue();

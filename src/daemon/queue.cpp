@@ -102,10 +102,10 @@ const char* KindOf(mode_t mode) {
   return "not a file";
 }
 
-// Deliberate departure: a spool entry that is not a regular file (a FIFO
-// would block the run, a link to a device never end it, a directory at the
-// batch path hold up every later run) is renamed "<path>.not-a-file.<time>"
-// and left for the administrator, with one line in the log.
+// A spool entry that is not a regular file (a FIFO would block the run, a
+// link to a device never end it, a directory at the batch path hold up every
+// later run) is renamed "<path>.not-a-file.<time>" for the administrator.
+// Deliberate departure: set aside with one log line instead of read, or removed with "rm -rf".
 void SetAside(const char* path, mode_t mode) {
   char aside[kQueueLineSize];
   const long long now = static_cast<long long>(time(nullptr));
@@ -385,7 +385,7 @@ void QueueLineReader::Fill() {
     const size_t want = static_cast<size_t>(std::min<off_t>(sizeof buffer_ - end_, limit_ - at));
     const ssize_t n = pread(fd_, buffer_ + end_, want, at);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) failed_ = true;
+    if (n < 0) error_ = errno;
     if (n <= 0) break;
     end_ += static_cast<size_t>(n);
   }
@@ -443,17 +443,16 @@ BatchOutcome RunQueueBatch(const QueueFiles& files, QueueExecutor execute, void*
              static_cast<long long>(resume));
     return BatchOutcome::kKept;
   }
-  if (run.reader.Failed()) {
+  if (run.reader.Error() != 0) {
     lease.Release();
     Keep(kept, fd, KeptBatch::kReadError, run.reader.Offset());
     ORVO_LOG("%s (%d) Failed to read %s (%s): kept, to read on from byte %lld", files.batch,
-             strerror(errno), static_cast<long long>(run.reader.Offset()));
+             strerror(run.reader.Error()), static_cast<long long>(run.reader.Offset()));
     return BatchOutcome::kKept;
   }
   if (!closed || lease.Broken()) {
     lease.Release();
-    // Deliberate departure: a batch that another program still has open is
-    // kept, and later runs read on, rather than deleted under its writer.
+    // Deliberate departure: kept and read on later, not deleted under a writer that still has it open.
     Keep(kept, fd, KeptBatch::kWriter, run.reader.Offset());
     ORVO_LOG("%s (%d) %s is still open in another program: kept, to read on at the next run", files.batch);
     return BatchOutcome::kFollowing;
@@ -522,8 +521,7 @@ void ProcessIndexingQueue() {
   static const QueueFiles kFiles{kIndexingQueuePath, kIndexingBatchPath,
                                  "rm -rf /var/spool/orvo_indexing_queue.tmp"};
   const BatchOutcome outcome = RunQueueBatch(kFiles, ExecuteQueueCommand, nullptr, &gKeptBatch);
-  // Deliberate departure: a run that kept its work for a database that was
-  // not available tells the music server nothing; the run that does it will.
+  // Deliberate departure: a run that kept its work for a database tells the music server nothing.
   if (outcome == BatchOutcome::kFinished || outcome == BatchOutcome::kFollowing) NotifyMusicServer();
 }
 

@@ -75,7 +75,7 @@ class QueueLineReader {
   // stays for a later call.
   size_t Next(char* line, bool takeUnfinished = true);
   off_t Offset() const { return base_ + static_cast<off_t>(start_); }  // of the next piece
-  bool Failed() const { return failed_; }  // a read failed
+  int Error() const { return error_; }  // the errno of a read that failed, else 0
 
  private:
   void Fill();
@@ -83,7 +83,7 @@ class QueueLineReader {
   int fd_;
   off_t base_;  // the file offset of buffer_[0]
   off_t limit_ = std::numeric_limits<off_t>::max();
-  bool failed_ = false;
+  int error_ = 0;
   char buffer_[65536];
   size_t start_ = 0;
   size_t end_ = 0;
