@@ -294,6 +294,25 @@ TEST_P(RawAccess, ALockedTableIsTheRunsLossAndHoldsTheRestOfTheRunSilently) {
   EXPECT_EQ(Elsewhere("select count(*) from music"), "2");
 }
 
+// A server that ends the connection mid-group (a restart, an administrator) loses the whole open group; the probe
+// and the calls after the run reconnect.
+TEST_P(RawAccess, AConnectionTheServerEndsLosesItsOpenGroupAndTheNextCallsReconnect) {
+  if (!IsPostgres()) GTEST_SKIP() << "a server's connection";
+  const std::string backend = QueryAll(OrvoDatabase::kMedia, "select pg_backend_pid()");
+  ORVODBBeginRun();
+  const uint64_t first = ORVODBLastNumber() + 1;
+  ASSERT_EQ(SaveMusic("/m/a.mp3"), 0);
+  EXPECT_EQ(QueryElsewhere(OrvoDatabase::kMedia, "select pg_terminate_backend(" + backend + ")"), "t");
+  SaveMusic("/m/b.mp3");
+  ORVODBFlush();
+  ORVODBEndRun();
+  EXPECT_EQ(ORVODBRunLoss().from, first);
+  EXPECT_EQ(ORVODBProbe(OrvoDatabase::kMedia), 0);
+  EXPECT_EQ(SaveMusic("/m/a.mp3"), 0);
+  ASSERT_EQ(ORVODBFlush(), 0);
+  EXPECT_EQ(Elsewhere("select count(*) from music"), "1");
+}
+
 INSTANTIATE_TEST_SUITE_P(Backends, RawAccess, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
 
 // Where the databases live: environment over /etc/orvoindex.conf over default.

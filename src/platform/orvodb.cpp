@@ -361,6 +361,8 @@ int ORVODBProbe(OrvoDatabase which) {
       if (rc == 0) SqliteControl(db, "rollback");
     } else {
       rc = PgControl(db, "select 1");
+      // A connection the server dropped while it was away: the next one may do.
+      if (rc != 0 && !DbIsOpen(db)) rc = EnsureOpen(db) == 0 ? PgControl(db, "select 1") : -1;
     }
   }
   orvo::HoldLog(false);
