@@ -1,4 +1,5 @@
 // Database access on every backend: statements, escaping, LIKE, booleans, results, groups, outages.
+#include <libpq-fe.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 
@@ -240,9 +241,12 @@ TEST_P(RawAccess, OneRefusedRowCostsOnlyItselfAndIsLogged) {
   ASSERT_EQ(ORVODBFlush(), 0);
   orvo::test::LogCapture log;
   int failed = 0;
+  ORVODBBeginRun();
   for (int i = 0; i < 11; ++i)
     if (SaveMusic("/m/r" + std::to_string(i) + ".mp3", i == 5 ? "bad" : "good") != 0) ++failed;
   if (ORVODBFlush() != 0) ++failed;
+  ORVODBEndRun();
+  EXPECT_EQ(ORVODBRunLoss().from, 0u) << "refused: running it again would not help";
   EXPECT_EQ(failed, 1);
   EXPECT_TRUE(log.Contains("/m/r5.mp3"));
   EXPECT_FALSE(log.Contains("/m/r4.mp3"));
@@ -250,6 +254,63 @@ TEST_P(RawAccess, OneRefusedRowCostsOnlyItselfAndIsLogged) {
   EXPECT_EQ(SaveMusic("/m/after.mp3"), 0);  // the connection goes on working
   EXPECT_EQ(ORVODBFlush(), 0);
   EXPECT_EQ(Elsewhere("select count(*) from music"), "11");
+}
+
+// A lock another program holds past the wait is the run's loss from the write it stopped (PostgreSQL: from the
+// group's first write, the group is lost); the statements after it fail at once and say nothing, until the run ends.
+TEST_P(RawAccess, ALockedTableIsTheRunsLossAndHoldsTheRestOfTheRunSilently) {
+  ASSERT_EQ(SaveMusic("/m/before.mp3"), 0);
+  ASSERT_EQ(ORVODBFlush(), 0);
+  PGconn* pg = nullptr;
+  sqlite3* lite = nullptr;
+  if (IsPostgres()) {
+    pg = PQconnectdb(Location(OrvoDatabase::kMedia).c_str());
+    PQclear(PQexec(pg, "begin"));
+    PQclear(PQexec(pg, "lock table music in access exclusive mode"));
+  } else {
+    ASSERT_EQ(sqlite3_open(Location(OrvoDatabase::kMedia).c_str() + 7, &lite), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(lite, "begin exclusive", nullptr, nullptr, nullptr), SQLITE_OK);
+  }
+  orvo::test::LogCapture log;
+  ORVODBBeginRun();
+  const uint64_t first = ORVODBLastNumber() + 1;
+  SaveMusic("/m/a.mp3");  // pipelined on PostgreSQL: its failure comes at the flush
+  SaveMusic("/m/b.mp3");
+  ORVODBFlush();
+  EXPECT_EQ(ORVODBRunLoss().from, first);
+  EXPECT_EQ(ORVODBRunLoss().database, OrvoDatabase::kMedia);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(SaveMusic("/m/c.mp3"), -1);
+  EXPECT_EQ(OrvoDBConnect(OrvoDatabase::kPhoto), nullptr);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500)) << "held, not waiting again";
+  EXPECT_EQ(ORVODBProbe(OrvoDatabase::kMedia), IsPostgres() ? 0 : -1) << "a table lock lets the server answer";
+  ORVODBEndRun();
+  EXPECT_TRUE(log.messages().empty()) << log.messages().front();
+  if (pg != nullptr) PQclear(PQexec(pg, "commit")), PQfinish(pg);
+  if (lite != nullptr) sqlite3_exec(lite, "commit", nullptr, nullptr, nullptr), sqlite3_close(lite);
+  EXPECT_EQ(ORVODBProbe(OrvoDatabase::kMedia), 0);
+  EXPECT_EQ(SaveMusic("/m/a.mp3"), 0);
+  ASSERT_EQ(ORVODBFlush(), 0);
+  EXPECT_EQ(Elsewhere("select count(*) from music"), "2");
+}
+
+// A server that ends the connection mid-group (a restart, an administrator) loses the whole open group; the probe
+// and the calls after the run reconnect.
+TEST_P(RawAccess, AConnectionTheServerEndsLosesItsOpenGroupAndTheNextCallsReconnect) {
+  if (!IsPostgres()) GTEST_SKIP() << "a server's connection";
+  const std::string backend = QueryAll(OrvoDatabase::kMedia, "select pg_backend_pid()");
+  ORVODBBeginRun();
+  const uint64_t first = ORVODBLastNumber() + 1;
+  ASSERT_EQ(SaveMusic("/m/a.mp3"), 0);
+  EXPECT_EQ(QueryElsewhere(OrvoDatabase::kMedia, "select pg_terminate_backend(" + backend + ")"), "t");
+  SaveMusic("/m/b.mp3");
+  ORVODBFlush();
+  ORVODBEndRun();
+  EXPECT_EQ(ORVODBRunLoss().from, first);
+  EXPECT_EQ(ORVODBProbe(OrvoDatabase::kMedia), 0);
+  EXPECT_EQ(SaveMusic("/m/a.mp3"), 0);
+  ASSERT_EQ(ORVODBFlush(), 0);
+  EXPECT_EQ(Elsewhere("select count(*) from music"), "1");
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, RawAccess, ::testing::ValuesIn(orvo::test::DatabaseBackends()));

@@ -1,5 +1,7 @@
 // Queue lines (parsing, rename split, photo share test, long lines, NUL, CR-LF) and the tick decisions.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "daemon/daemon.h"
 #include "daemon/queue.h"
@@ -58,12 +60,13 @@ TEST(PhotoSharePath, OnlyTheShareAndBelowOnAShortVolumeName) {
 
 // Reads every piece of `bytes` as the queue run would.
 std::vector<std::string> Pieces(const std::string& bytes) {
-  FILE* file = bytes.empty() ? fopen("/dev/null", "r") : fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "r");
-  auto reader = std::make_unique<QueueLineReader>(file);
+  int fd = memfd_create("queue", MFD_CLOEXEC);
+  EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  auto reader = std::make_unique<QueueLineReader>(fd, 0);
   std::vector<char> line(kQueueLineSize);
   std::vector<std::string> pieces;
   while (size_t length = reader->Next(line.data())) pieces.emplace_back(line.data(), length);
-  fclose(file);
+  close(fd);
   return pieces;
 }
 
@@ -79,6 +82,24 @@ TEST(QueueReader, LinesLongerThanTheBufferComeInPiecesLikeFgets) {
   EXPECT_EQ(Pieces(fits + "\na:/y\n"), (std::vector<std::string>{fits + "\n", "a:/y\n"}));
   EXPECT_EQ(Pieces(std::string(10000, 'y') + "\nd:/z\n"),
             (std::vector<std::string>{piece, piece, std::string(10000 - 2 * piece.size(), 'y') + "\n", "d:/z\n"}));
+}
+
+// A writer that still has the batch open may not have written the rest of its last line yet.
+TEST(QueueReader, AnUnfinishedLastLineWaitsForItsWriterUnlessTheWriterIsDone) {
+  int fd = memfd_create("queue", MFD_CLOEXEC);
+  auto append = [&](const std::string& text) { ASSERT_EQ(write(fd, text.data(), text.size()), ssize_t(text.size())); };
+  append("a:/x\nd:/y");
+  QueueLineReader reader(fd, 0);
+  std::vector<char> line(kQueueLineSize);
+  auto next = [&](bool takeUnfinished) { return std::string(line.data(), reader.Next(line.data(), takeUnfinished)); };
+  EXPECT_EQ(next(false), "a:/x\n");
+  EXPECT_EQ(next(false), "");
+  EXPECT_EQ(reader.Offset(), 5);
+  append("z\nR:music");
+  EXPECT_EQ(next(false), "d:/yz\n");
+  EXPECT_EQ(next(true), "R:music");
+  EXPECT_EQ(reader.Offset(), 18);
+  close(fd);
 }
 
 // The tick decisions; the loop itself runs in DaemonLifecycle.NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne.

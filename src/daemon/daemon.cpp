@@ -57,16 +57,29 @@ bool Exists(const char* path) {
   return stat(path, &st) == 0;
 }
 
+// Runs the queue. A run that finishes a batch kept by earlier runs leaves
+// the lines queued meanwhile, whose signals those runs used up, to the next
+// quiet tick.
+void RunIndexingQueue() {
+  const bool hadKept = IndexingRetryTicks() > 0;
+  ProcessIndexingQueue();
+  if (hadKept && IndexingRetryTicks() == 0 && Exists(kIndexingQueuePath)) gIsDirty = 1;
+}
+
 void RunMainLoop() {
+  int ticksSinceRun = 0;
   for (;;) {
     sleep(kTickSeconds);  // a signal ends the sleep early
+    ++ticksSinceRun;
+    bool ran = false;
     if (SignalCeilingPassed(gSignalCount)) {
       gSignalCount = 0;
       VacuumDatabases();
       gLastVacuumTime = time(nullptr);
       gIsDirty = 0;
       gNewSignal = 0;
-      ProcessIndexingQueue();
+      RunIndexingQueue();
+      ran = true;
     }
     switch (DecideTick(gIsDirty, gNewSignal)) {
       case TickAction::kNone:
@@ -85,9 +98,17 @@ void RunMainLoop() {
         }
         gIsDirty = 0;
         gNewSignal = 0;
-        ProcessIndexingQueue();
+        RunIndexingQueue();
+        ran = true;
         break;
     }
+    // Deliberate departure: a kept batch runs again after a few quiet ticks, without waiting for a signal.
+    const int retryTicks = IndexingRetryTicks();
+    if (!ran && retryTicks > 0 && ticksSinceRun >= retryTicks) {
+      RunIndexingQueue();
+      ran = true;
+    }
+    if (ran) ticksSinceRun = 0;
   }
 }
 

@@ -11,10 +11,13 @@
 // ORVODBFlush, before a vacuum and before ORVODBCloseAll. On PostgreSQL the
 // hot writes of a group are pipelined; a failed one is reported (logged) when
 // the pipeline is next synchronised, and the group's other writes are
-// replayed one by one so that one bad row costs only itself.
+// replayed one by one so that one bad row costs only itself. A transient
+// failure (orvodb.h) instead loses the group: it is rolled back, not replayed,
+// and recorded as the run's loss from the statement that opened the group.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
@@ -32,6 +35,9 @@ struct pg_conn;
 
 enum class DbBackend { kSqlite, kPostgres };
 
+// How the last failure failed (orvodb.h: transient or refused).
+enum class DbFailure { kNone, kRefused, kTransient };
+
 inline constexpr int kGroupMaxWrites = 1000;
 inline constexpr std::chrono::milliseconds kGroupMaxAge{1000};
 
@@ -47,6 +53,7 @@ struct DbGroupWrite {
   std::string sql;
   std::vector<std::optional<std::string>> params;  // empty for a raw statement
   bool parameterised = false;
+  uint64_t number = 0;  // the statement's number (orvodb.h)
 };
 
 // What a queued pipeline entry is, so that its results can be accounted for.
@@ -69,6 +76,7 @@ struct ORVODB {
   DbBackend backend = DbBackend::kSqlite;
   std::string location;  // the URI the open connection came from
   std::string error;     // last failure, for ORVODBErrorGet
+  DbFailure failure = DbFailure::kNone;  // and how it failed
 
   sqlite3* lite = nullptr;
   DbTextMap<sqlite3_stmt*> liteStatements;
@@ -79,12 +87,15 @@ struct ORVODB {
   bool pipeline = false;
   std::deque<DbPipelineEntry> pipelineQueue;
   bool pipelineAborted = false;     // an error aborted the pipelined group
+  bool pipelineLost = false;        // ... and it was transient: no replay
   std::vector<int> pipelineFailed;  // groupLog indices of the writes that failed
 
   bool inGroup = false;
   int groupWrites = 0;
+  uint64_t groupFirst = 0;  // the number of the statement that opened the group
   std::chrono::steady_clock::time_point groupStart;
   std::vector<DbGroupWrite> groupLog;  // PostgreSQL only
+  uint64_t unsyncedFrom = 0;  // SQLite: first group committed since the last sync; 0: none
 };
 
 // A statement parameter: text, or SQL NULL.
@@ -94,6 +105,11 @@ using DbParam = const char*;
 
 // True while the backend connection is open.
 bool DbIsOpen(const ORVODB* db);
+
+// Records, during a run, that the work of statements numbered `from` on was
+// lost to db's transient failure (db->error says which); holds later
+// statements and the log. Call it before logging the failure.
+void DbMarkLost(ORVODB* db, uint64_t from);
 
 // Runs a parameterised statement ($1, $2, ... each first used in that order)
 // whose rows are not wanted, as one write of the current group. Returns 0
@@ -143,6 +159,8 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
               ORVODBResult* result, int* changes, bool* readOnly);
 // Runs a control statement (begin, commit, pragma, ddl). 0 or -1.
 int SqliteControl(ORVODB* db, const char* sql);
+// Syncs the write-ahead log to stable storage. 0 or -1 with db->error.
+int SqliteSyncLog(ORVODB* db);
 
 // --- db_postgres.cpp ---
 

@@ -29,12 +29,28 @@ using ResultPtr = std::unique_ptr<PGresult, ResultDeleter>;
 
 void IgnoreNotice(void*, const char*) {}
 
+// The failures after which the same statement may succeed later, by
+// SQLSTATE: the connection (08), resources such as a full disk (53), the
+// server going down (57P0x) or cancelling (57014), a lock that was not
+// granted in time (55P03), serialization and deadlock (40001, 40P01), a
+// read-only transaction (25006) and system errors (58). Anything else, the
+// constraints (23) and bad data (22) first, was refused. A failure without a
+// state came from the connection itself.
+DbFailure FailureOf(const char* state) {
+  if (state == nullptr || strlen(state) != 5) return DbFailure::kTransient;
+  for (const char* prefix : {"08", "53", "57P0", "57014", "55P03", "40001", "40P01", "25006", "58"}) {
+    if (strncmp(state, prefix, strlen(prefix)) == 0) return DbFailure::kTransient;
+  }
+  return DbFailure::kRefused;
+}
+
 void SetError(ORVODB* db, const PGresult* r) {
   const char* message = r ? PQresultErrorMessage(r) : nullptr;
   if (message == nullptr || *message == '\0') message = PQerrorMessage(db->pg);
   db->error = message ? message : "";
   while (!db->error.empty() && isspace(static_cast<unsigned char>(db->error.back())))
     db->error.pop_back();
+  db->failure = FailureOf(r ? PQresultErrorField(r, PG_DIAG_SQLSTATE) : nullptr);
 }
 
 void CopyRows(const PGresult* r, ORVODBResult* result) {
@@ -98,6 +114,11 @@ int Drain(ORVODB* db, bool wait) {
       if (entry.kind == DbPipelineEntry::kPrepare) db->pgStatements.erase(entry.prepareSql);
       if (status == PGRES_FATAL_ERROR) {
         SetError(db, raw);
+        if (db->failure == DbFailure::kTransient) {
+          // The group's transaction is gone and the same would befall a replay.
+          db->pipelineLost = true;
+          DbMarkLost(db, db->groupFirst);
+        }
         if (entry.kind == DbPipelineEntry::kWrite && entry.groupIndex >= 0 &&
             entry.groupIndex < static_cast<int>(db->groupLog.size())) {
           db->pipelineFailed.push_back(entry.groupIndex);
@@ -122,27 +143,40 @@ int RunWrite(ORVODB* db, const DbGroupWrite& write) {
   return -1;
 }
 
-// The pipelined group was aborted by a failed write: roll it back and write
-// the others again, each on its own, so that one bad row costs only itself.
+// The group was aborted by a failed write: roll it back and write the others
+// again, each on its own, so that one bad row costs only itself. When the
+// failure was transient (db->pipelineLost) the group is lost instead: the
+// replay would meet the same lock or outage once per row.
 void ReplayGroup(ORVODB* db) {
   Exec(db, "rollback");
   db->inGroup = false;
   std::vector<bool> skip(db->groupLog.size(), false);
   for (int i : db->pipelineFailed) skip[i] = true;
-  for (size_t i = 0; i < db->groupLog.size(); ++i) {
+  for (size_t i = 0; i < db->groupLog.size() && !db->pipelineLost; ++i) {
     if (skip[i]) continue;
     const DbGroupWrite& write = db->groupLog[i];
     if (RunWrite(db, write) != 0) {
+      // The writes replayed so far are committed each on its own.
+      if (db->failure == DbFailure::kTransient) DbMarkLost(db, write.number);
       // A row is named by its path, the first parameter; a raw statement by itself.
       const std::string& what = !write.params.empty() && write.params[0] ? *write.params[0] : write.sql;
       orvo::LogSubject aboutTheRow(what.c_str());
       ORVO_LOG("%s (%d) Failed to write %s (%s)", what.c_str(), db->error.c_str());
-      if (PQstatus(db->pg) == CONNECTION_BAD) break;
+      if (db->failure == DbFailure::kTransient) break;
     }
   }
   db->groupLog.clear();
   db->pipelineFailed.clear();
   db->pipelineAborted = false;
+  db->pipelineLost = false;
+}
+
+// The group's transaction ended with the connection: its work is lost.
+void LoseGroupWithConnection(ORVODB* db) {
+  if (db->inGroup) {
+    db->failure = DbFailure::kTransient;
+    DbMarkLost(db, db->groupFirst);
+  }
 }
 
 }  // namespace
@@ -153,6 +187,8 @@ int PgOpen(ORVODB* db, const std::string& uri) {
   const char* values[] = {uri.c_str(), "SQL_ASCII", "5", nullptr};
   PGconn* pg = PQconnectdbParams(keys, values, 1);
   if (pg == nullptr || PQstatus(pg) != CONNECTION_OK) {
+    // An unreachable server, or one that refuses us now: try again later.
+    db->failure = DbFailure::kTransient;
     db->error = pg ? PQerrorMessage(pg) : "out of memory";
     while (!db->error.empty() && isspace(static_cast<unsigned char>(db->error.back())))
       db->error.pop_back();
@@ -162,8 +198,11 @@ int PgOpen(ORVODB* db, const std::string& uri) {
   PQsetNoticeProcessor(pg, IgnoreNotice, nullptr);
   db->pg = pg;
   // A locked table fails the call after a short wait instead of hanging the
-  // daemon; the caller goes on and the next call tries again.
+  // daemon; the work is run again later.
   PQclear(PQexec(pg, "set lock_timeout = '2s'"));
+  // A commit returns once it is on disk, whatever the server's default: the
+  // daemon deletes a batch once its last commit has returned.
+  PQclear(PQexec(pg, "set synchronous_commit = on"));
   const char* encoding = PQparameterStatus(pg, "server_encoding");
   if (encoding == nullptr || strcmp(encoding, "SQL_ASCII") != 0) {
     ORVO_LOG("%s (%d) Database encoding is %s, not SQL_ASCII: paths that are not UTF-8 cannot be stored",
@@ -180,12 +219,14 @@ void PgClose(ORVODB* db) {
   db->pipelineQueue.clear();
   db->pipelineFailed.clear();
   db->pipelineAborted = false;
+  db->pipelineLost = false;
   db->inGroup = false;
 }
 
 bool PgConnectionLost(ORVODB* db) {
   if (db->pg == nullptr) return true;
   if (PQstatus(db->pg) != CONNECTION_BAD) return false;
+  LoseGroupWithConnection(db);
   PgClose(db);
   return true;
 }
@@ -227,9 +268,15 @@ int PgRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
       // only by mistake, so rather than a savepoint around every statement
       // the group's writes are written again without it: it costs only itself.
       const std::string error = db->error;
+      const DbFailure failure = db->failure;
+      if (failure == DbFailure::kTransient) {
+        db->pipelineLost = true;
+        DbMarkLost(db, db->groupFirst);
+      }
       db->pipelineFailed.clear();
       ReplayGroup(db);
       db->error = error;
+      db->failure = failure;
     }
     return -1;
   }
@@ -297,6 +344,7 @@ int PgSyncPipeline(ORVODB* db, bool commit) {
   else rc = -1;
   if (rc != 0 || Drain(db, true) != 0) {
     SetError(db, nullptr);
+    LoseGroupWithConnection(db);
     orvo::LogSubject aboutTheGroup(nullptr);
     ORVO_LOG("%s (%d) Lost the connection with writes pending (%s)", db->error.c_str());
     PgClose(db);
@@ -306,6 +354,7 @@ int PgSyncPipeline(ORVODB* db, bool commit) {
     // Results left over mean the accounting above went wrong: start afresh
     // rather than leave the connection in a state no call can use.
     SetError(db, nullptr);
+    LoseGroupWithConnection(db);
     orvo::LogSubject aboutTheGroup(nullptr);
     ORVO_LOG("%s (%d) Failed to leave pipeline mode (%s)", db->error.c_str());
     PgClose(db);

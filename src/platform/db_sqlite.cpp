@@ -293,6 +293,30 @@ std::string RewriteForSqlite(std::string_view sql) {
   return out;
 }
 
+// The failures after which the same statement may succeed later: the
+// database was busy or locked by another program, could not be opened,
+// written or read, or the disk was full. Anything else was refused.
+DbFailure FailureOf(int code) {
+  switch (code & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_READONLY:
+    case SQLITE_IOERR:
+    case SQLITE_FULL:
+    case SQLITE_CANTOPEN:
+    case SQLITE_PROTOCOL:
+    case SQLITE_NOMEM:
+      return DbFailure::kTransient;
+    default:
+      return DbFailure::kRefused;
+  }
+}
+
+void SetError(ORVODB* db, const char* message) {
+  db->error = message ? message : sqlite3_errmsg(db->lite);
+  db->failure = FailureOf(sqlite3_extended_errcode(db->lite));
+}
+
 bool IsBlank(const char* text) {
   for (; *text; ++text) {
     if (!isspace(static_cast<unsigned char>(*text))) return false;
@@ -343,6 +367,7 @@ int SqliteOpen(ORVODB* db, const std::string& file) {
   if (rc != SQLITE_OK) {
     db->error = lite ? sqlite3_errmsg(lite) : sqlite3_errstr(rc);
     db->error += " (" + file + ")";
+    db->failure = FailureOf(rc);
     sqlite3_close(lite);
     return -1;
   }
@@ -354,7 +379,7 @@ int SqliteOpen(ORVODB* db, const std::string& file) {
       sqlite3_create_function(lite, "like", 3, flags, nullptr, LikeFunction, nullptr, nullptr) ||
       SqliteControl(db, "pragma synchronous = normal") ||
       SqliteControl(db, "pragma journal_mode = wal")) {
-    if (db->error.empty()) db->error = sqlite3_errmsg(lite);
+    if (db->error.empty()) SetError(db, nullptr);
     SqliteClose(db);
     return -1;
   }
@@ -372,8 +397,25 @@ void SqliteClose(ORVODB* db) {
 int SqliteControl(ORVODB* db, const char* sql) {
   char* message = nullptr;
   if (sqlite3_exec(db->lite, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-    db->error = message ? message : sqlite3_errmsg(db->lite);
+    SetError(db, message);
     sqlite3_free(message);
+    return -1;
+  }
+  return 0;
+}
+
+int SqliteSyncLog(ORVODB* db) {
+  // A commit in WAL mode with synchronous=normal leaves the log unsynced; one
+  // sync of the log makes every commit before it durable, without making
+  // every commit pay for a sync of its own.
+  sqlite3_file* log = nullptr;
+  int rc = sqlite3_file_control(db->lite, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log);
+  // No log open: not in WAL mode, where commits are synced as they are made.
+  if (rc != SQLITE_OK || log == nullptr || log->pMethods == nullptr) return 0;
+  rc = log->pMethods->xSync(log, SQLITE_SYNC_NORMAL);
+  if (rc != SQLITE_OK) {
+    db->error = std::string("sync of the write-ahead log failed: ") + sqlite3_errstr(rc);
+    db->failure = DbFailure::kTransient;
     return -1;
   }
   return 0;
@@ -399,12 +441,13 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
     const char* tail = nullptr;
     if (sqlite3_prepare_v2(db->lite, sql.data(), static_cast<int>(sql.size()), &stmt, &tail) !=
         SQLITE_OK) {
-      db->error = sqlite3_errmsg(db->lite);
+      SetError(db, nullptr);
       return -1;
     }
     if (stmt == nullptr || (tail && !IsBlank(std::string(tail, sql.data() + sql.size() - tail).c_str()))) {
       sqlite3_finalize(stmt);
       db->error = "not exactly one statement";
+      db->failure = DbFailure::kRefused;
       return -1;
     }
     if (cached) db->liteStatements.emplace(std::string(sql), stmt);
@@ -429,7 +472,7 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
     int rc = params[i] ? sqlite3_bind_text(stmt, static_cast<int>(i + 1), params[i], -1, SQLITE_STATIC)
                        : sqlite3_bind_null(stmt, static_cast<int>(i + 1));
     if (rc != SQLITE_OK) {
-      db->error = sqlite3_errmsg(db->lite);
+      SetError(db, nullptr);
       return -1;
     }
   }
@@ -452,9 +495,14 @@ int SqliteRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
     if (result != nullptr) ReadRow(stmt, result, boolean);
   }
   if (rc != SQLITE_DONE) {
-    db->error = sqlite3_errmsg(db->lite);
-    // Some failures (a full disk, a lost lock) roll the whole group back.
-    if (db->inGroup && sqlite3_get_autocommit(db->lite)) db->inGroup = false;
+    SetError(db, nullptr);
+    // Some failures (a full disk, a lost lock) roll the whole group back:
+    // the work of every statement since it opened is lost.
+    if (db->inGroup && sqlite3_get_autocommit(db->lite)) {
+      db->inGroup = false;
+      db->failure = DbFailure::kTransient;
+      DbMarkLost(db, db->groupFirst);
+    }
     if (result != nullptr) {
       result->rows.clear();
     }

@@ -16,7 +16,10 @@ void* gWatchContext = nullptr;
 LogAbout gAbout = {false, nullptr};
 
 constexpr size_t kMessageSize = 8192;
+bool gHeld = false;
 }  // namespace
+
+void HoldLog(bool held) { gHeld = held; }
 
 void SetLogCapture(LogCapture capture, void* context) {
   gCapture = capture;
@@ -33,6 +36,7 @@ LogSubject::LogSubject(const char* path) : saved_(gAbout) { gAbout = {true, path
 LogSubject::~LogSubject() { gAbout = saved_; }
 
 void Log(const char* format, ...) {
+  if (gHeld) return;
   va_list args;
   va_start(args, format);
   if (gWatch != nullptr) {

@@ -48,6 +48,11 @@ class LogSubject {
   LogAbout saved_;
 };
 
+// While the log is held, messages are dropped. The database layer holds it
+// for the rest of a queue line whose work a database failure put back: that
+// work runs again later, and its messages come then, once.
+void HoldLog(bool held);
+
 }  // namespace orvo
 
 #define ORVO_LOG(format, ...) ::orvo::Log(format, __FILE_NAME__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)

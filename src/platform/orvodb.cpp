@@ -22,6 +22,13 @@ constexpr const char* kConfFile = "/etc/orvoindex.conf";
 // handed out stays valid across reconnects.
 ORVODB gDatabases[2];
 
+// A queue run's account of lost work (orvodb.h).
+uint64_t gLastNumber = 0;
+bool gInRun = false;
+ORVODBLoss gLoss;
+
+uint64_t NextNumber() { return ++gLastNumber; }
+
 ORVODB* Slot(OrvoDatabase which) {
   ORVODB* db = &gDatabases[which == OrvoDatabase::kMedia ? 0 : 1];
   db->which = which;
@@ -67,11 +74,23 @@ std::string ReadConfLocation(const char* file, std::string_view key) {
   return found;
 }
 
+// True, with the reason in db->error, while a run's loss holds every
+// statement: the rest of the work is run again later anyway.
+bool Held(ORVODB* db) {
+  if (!gInRun || gLoss.from == 0) return false;
+  db->error = "not run: the " + std::string(DatabaseName(gLoss.database)) +
+              " database was not available (" + gLoss.reason + ")";
+  db->failure = DbFailure::kTransient;
+  return true;
+}
+
 int EnsureOpen(ORVODB* db) {
   if (db == nullptr) return -1;
   if (DbIsOpen(db)) return 0;
+  if (Held(db)) return -1;
   std::string location = OrvoDBLocation(db->which);
   db->error.clear();
+  db->failure = DbFailure::kNone;
   db->inGroup = false;
   db->groupLog.clear();
   int rc;
@@ -99,6 +118,7 @@ int EnsureOpen(ORVODB* db) {
     }
   }
   if (rc != 0) {
+    if (db->failure == DbFailure::kTransient) DbMarkLost(db, NextNumber());
     ORVO_LOG("%s (%d) Failed to open the %s database (%s)", DatabaseName(db->which),
              db->error.c_str());
     if (db->backend == DbBackend::kSqlite) SqliteClose(db);
@@ -112,6 +132,7 @@ int BeginGroup(ORVODB* db) {
   if (db->inGroup) return 0;
   db->groupLog.clear();
   db->groupWrites = 0;
+  db->groupFirst = gLastNumber;
   db->groupStart = std::chrono::steady_clock::now();
   // On PostgreSQL the pipelined path queues its own BEGIN.
   if (db->backend == DbBackend::kSqlite ? SqliteControl(db, "begin") : PgControl(db, "begin"))
@@ -161,13 +182,14 @@ bool DbIsOpen(const ORVODB* db) { return db->lite != nullptr || db->pg != nullpt
 
 ORVODB* OrvoDBConnect(OrvoDatabase which) {
   ORVODB* db = Slot(which);
-  if (EnsureOpen(db) != 0) return nullptr;
+  if (Held(db) || EnsureOpen(db) != 0) return nullptr;
   CommitIfAged(db);
   return db;
 }
 
 int DbCommitGroup(ORVODB* db) {
   if (!DbIsOpen(db) || !db->inGroup) return 0;
+  const bool wrote = db->groupWrites > 0;
   int rc;
   if (db->backend == DbBackend::kSqlite) {
     rc = SqliteControl(db, "commit");
@@ -180,30 +202,40 @@ int DbCommitGroup(ORVODB* db) {
   db->inGroup = false;
   db->groupLog.clear();
   if (rc != 0) {
+    if (db->failure == DbFailure::kTransient) DbMarkLost(db, db->groupFirst);
     orvo::LogSubject aboutTheGroup(nullptr);  // not about the file handled at the time
     ORVO_LOG("%s (%d) Failed to commit the %s database (%s)", DatabaseName(db->which),
              db->error.c_str());
     return -1;
   }
+  if (wrote && db->backend == DbBackend::kSqlite && db->unsyncedFrom == 0)
+    db->unsyncedFrom = db->groupFirst;
   return 0;
 }
 
 int DbGroupedWrite(ORVODB* db, std::string_view sql, std::span<const DbParam> params) {
-  if (EnsureOpen(db) != 0) return -1;
+  if (db == nullptr) return -1;
+  const uint64_t number = NextNumber();
+  if (Held(db) || EnsureOpen(db) != 0) return -1;
+  auto failed = [&] {
+    if (db->failure == DbFailure::kTransient) DbMarkLost(db, number);
+    return -1;
+  };
   if (db->backend == DbBackend::kSqlite) {
     if (BeginGroup(db) != 0 || SqliteRun(db, sql, params, nullptr, nullptr, nullptr) != 0)
-      return -1;
+      return failed();
   } else {
     if (!db->inGroup) {
       db->groupLog.clear();
       db->groupWrites = 0;
+      db->groupFirst = number;
       db->groupStart = std::chrono::steady_clock::now();
     }
-    DbGroupWrite write{std::string(sql), {}, true};
+    DbGroupWrite write{std::string(sql), {}, true, number};
     write.params.reserve(params.size());
     for (DbParam p : params) write.params.push_back(p ? std::optional<std::string>(p) : std::nullopt);
     db->groupLog.push_back(std::move(write));
-    if (PgQueueWrite(db, static_cast<int>(db->groupLog.size()) - 1) != 0) return -1;
+    if (PgQueueWrite(db, static_cast<int>(db->groupLog.size()) - 1) != 0) return failed();
   }
   CountGroupWrite(db);
   return 0;
@@ -214,17 +246,23 @@ int DbBeginGroup(ORVODB* db) { return BeginGroup(db); }
 int DbRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
           ORVODBResult** result) {
   if (result != nullptr) *result = nullptr;
-  if (EnsureOpen(db) != 0) return -1;
+  if (db == nullptr) return -1;
+  const uint64_t number = NextNumber();
+  if (Held(db) || EnsureOpen(db) != 0) return -1;
   auto rows = std::make_unique<ORVODBResult>();
   int changes = 0;
   bool isWrite = false;
   int rc = db->backend == DbBackend::kSqlite
                ? SqliteRun(db, sql, params, rows.get(), &changes, &isWrite)
                : PgRun(db, sql, params, rows.get(), &changes, &isWrite);
-  if (rc != 0) return -1;
+  if (rc != 0) {
+    // A failed read loses work too: what the caller would have done with it.
+    if (db->failure == DbFailure::kTransient) DbMarkLost(db, number);
+    return -1;
+  }
   if (isWrite) {
     if (db->backend == DbBackend::kPostgres && db->inGroup) {
-      DbGroupWrite write{std::string(sql), {}, !params.empty()};
+      DbGroupWrite write{std::string(sql), {}, !params.empty(), number};
       for (DbParam p : params) write.params.push_back(p ? std::optional<std::string>(p) : std::nullopt);
       db->groupLog.push_back(std::move(write));
     }
@@ -235,7 +273,7 @@ int DbRun(ORVODB* db, std::string_view sql, std::span<const DbParam> params,
 }
 
 int DbVacuum(ORVODB* db) {
-  if (EnsureOpen(db) != 0) return -1;
+  if (Held(db) || EnsureOpen(db) != 0) return -1;
   if (DbCommitGroup(db) != 0) return -1;
   int rc = db->backend == DbBackend::kSqlite ? SqliteControl(db, "vacuum") : PgControl(db, "vacuum");
   if (rc != 0) {
@@ -254,6 +292,21 @@ int ORVODBFlush() {
   return rc;
 }
 
+int ORVODBSync() {
+  int rc = 0;
+  for (ORVODB& db : gDatabases) {
+    if (db.lite == nullptr || db.unsyncedFrom == 0) continue;
+    if (SqliteSyncLog(&db) != 0) {
+      DbMarkLost(&db, db.unsyncedFrom);
+      ORVO_LOG("%s (%d) Failed to sync the %s database (%s)", DatabaseName(db.which),
+               db.error.c_str());
+      rc = -1;
+    }
+    db.unsyncedFrom = 0;
+  }
+  return rc;
+}
+
 void ORVODBCloseAll() {
   ORVODBFlush();
   for (ORVODB& db : gDatabases) {
@@ -263,6 +316,58 @@ void ORVODBCloseAll() {
     db.groupLog.clear();
     db.location.clear();
   }
+}
+
+// --- a queue run's losses ---
+
+void DbMarkLost(ORVODB* db, uint64_t from) {
+  if (!gInRun || from == 0) return;
+  if (gLoss.from == 0) {
+    gLoss.database = db->which;
+    gLoss.reason = db->error.substr(0, db->error.find('\n'));  // the server adds the statement
+    orvo::HoldLog(true);
+  }
+  if (gLoss.from == 0 || from < gLoss.from) gLoss.from = from;
+}
+
+void ORVODBBeginRun() {
+  gLoss = ORVODBLoss();
+  gInRun = true;
+}
+
+void ORVODBEndRun() {
+  gInRun = false;
+  orvo::HoldLog(false);
+}
+
+const ORVODBLoss& ORVODBRunLoss() { return gLoss; }
+
+uint64_t ORVODBLastNumber() { return gLastNumber; }
+
+uint64_t ORVODBFirstUncommitted() {
+  uint64_t first = gLastNumber + 1;
+  for (const ORVODB& db : gDatabases) {
+    if (DbIsOpen(&db) && db.inGroup && db.groupFirst < first) first = db.groupFirst;
+  }
+  return first;
+}
+
+int ORVODBProbe(OrvoDatabase which) {
+  ORVODB* db = Slot(which);
+  orvo::HoldLog(true);  // a probe that fails says nothing; its caller does
+  int rc = EnsureOpen(db);
+  if (rc == 0 && !db->inGroup) {
+    if (db->backend == DbBackend::kSqlite) {
+      rc = SqliteControl(db, "begin immediate");
+      if (rc == 0) SqliteControl(db, "rollback");
+    } else {
+      rc = PgControl(db, "select 1");
+      // A connection the server dropped while it was away: the next one may do.
+      if (rc != 0 && !DbIsOpen(db)) rc = EnsureOpen(db) == 0 ? PgControl(db, "select 1") : -1;
+    }
+  }
+  orvo::HoldLog(false);
+  return rc == 0 ? 0 : -1;
 }
 
 // --- raw statements ---

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 // One open database connection. Owned by the platform layer; callers never
@@ -37,8 +38,55 @@ ORVODB* OrvoDBConnect(OrvoDatabase which);
 // Returns 0, or -1 when a commit failed (the failure is logged).
 int ORVODBFlush();
 
+// Makes what both databases committed durable: on SQLite one sync of the
+// write-ahead log of each database written since the last sync (a commit
+// alone does not sync it); on PostgreSQL a commit is durable already. Call it
+// after ORVODBFlush, before anything that must not happen unless the writes
+// are on disk. 0, or -1 when a sync failed (logged).
+int ORVODBSync();
+
 // Closes both connections (after a flush). The next call reconnects.
 void ORVODBCloseAll();
+
+// --- Work lost to a database that is not available, during a queue run ---
+//
+// A failure is transient when the database was busy, locked, unreachable,
+// read-only or full: the same statement may succeed later. Otherwise it was
+// refused (a constraint, bad text): it would be refused again.
+//
+// Every statement and every attempt to open a database gets the next number.
+// Between ORVODBBeginRun and ORVODBEndRun a transient failure is recorded as
+// the run's loss: the work of the statements numbered from `from` on may be
+// missing (when a transaction was rolled back, `from` is the statement that
+// opened it). From then until ORVODBEndRun every statement fails at once
+// without reaching a database, and the log is held (orvo::HoldLog), so the
+// rest of the caller's work costs neither waits nor log lines: the caller
+// runs that work again later, and every handler is safe to repeat.
+struct ORVODBLoss {
+  uint64_t from = 0;  // 0 when nothing was lost
+  OrvoDatabase database = OrvoDatabase::kMedia;
+  std::string reason;  // the failure's message
+};
+
+// Starts a run: forgets the last loss.
+void ORVODBBeginRun();
+// Ends a run: statements reach the databases again and the log is released.
+// The loss stays readable until the next ORVODBBeginRun.
+void ORVODBEndRun();
+const ORVODBLoss& ORVODBRunLoss();
+
+// The number given last.
+uint64_t ORVODBLastNumber();
+
+// The number of the statement that opened the oldest group of writes not
+// yet committed (either database), or ORVODBLastNumber() + 1 when none is
+// open: statements numbered below it are committed, refused or lost.
+uint64_t ORVODBFirstUncommitted();
+
+// 0 when `which` can be written now (on SQLite its write lock can be taken;
+// on PostgreSQL the server answers), -1 otherwise. Logs nothing. For use
+// between runs.
+int ORVODBProbe(OrvoDatabase which);
 
 // Executes exactly one statement (a trailing ';' is allowed; text holding a
 // second statement is refused and logged). For a query, *result receives the
