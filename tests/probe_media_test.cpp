@@ -331,6 +331,30 @@ TEST(MpegVideoSearchLimit, NothingAfterTheFirst100000BytesIsSeenAndTheFileIsStil
   EXPECT_EQ(RemoveVcd(path.c_str()), -1);
 }
 
+// A system stream whose audio search meets a rejected MPEG-2.5 sync and then only false syncs (MPEG-2
+// layer III, 8 kbit/s, frame length 24) after a zero run from byte 25, where the search counts its zeros.
+std::string FalseSyncStream(size_t size) {
+  std::string bytes = "\x55" + SequenceHeader(352, 240, 1, 4, 2875) + std::string("\0\0\1\xc0\0\0", 6);
+  bytes.resize(size / 2, '\0');
+  bytes += "\xff\xe3\x14\x00";
+  while (bytes.size() + 4 <= size) bytes += std::string("\xff\xf3\x14\x00", 4);
+  return bytes;
+}
+
+// The zero run was counted again for every candidate: some 10000 times the file's bytes read.
+TEST(MpegVideoAudioSearch, FalseSyncsAfterALongZeroRunCostReadsInProportionToTheFile) {
+  const size_t size = 256 * 1024;
+  TempDir dir;
+  std::string path = dir.File("Disc/false.dat");
+  WriteBytes(path, FalseSyncStream(size));
+  orvo::test::LogCapture log;
+  MediaInfo m{};
+  long long before = BytesReadSoFar();
+  ASSERT_EQ(ParseMpegVideoFile(path.c_str(), &m), 0);
+  EXPECT_LT(BytesReadSoFar() - before, 8 * (long long)size);
+  EXPECT_EQ(m.width * 1000 + m.height, 352240);
+}
+
 TEST(MpegVideoStreams, VcdDvdAndElementaryStreamsMadeByFfmpeg) {
   REQUIRE_FFMPEG();
   TempDir dir;
