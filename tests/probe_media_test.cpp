@@ -353,6 +353,24 @@ TEST(MpegVideoAudioSearch, FalseSyncsAfterALongZeroRunCostReadsInProportionToThe
   ASSERT_EQ(ParseMpegVideoFile(path.c_str(), &m), 0);
   EXPECT_LT(BytesReadSoFar() - before, 8 * (long long)size);
   EXPECT_EQ(m.width * 1000 + m.height, 352240);
+  EXPECT_EQ(std::to_string(m.bitrate) + "|" + std::to_string(m.frequency), "0|0") << "no frame was confirmed";
+}
+
+// The audio fields held the last rejected header's bit rate, rate and mode when no frame was found.
+TEST(MpegVideoAudioSearch, AudioFieldsStayZeroUnlessAFrameIsFound) {
+  const std::string start = "\x55" + SequenceHeader(352, 240, 1, 4, 2875) + std::string("\0\0\1\xc0\0\0\0", 7);
+  const std::string mpeg25("\xff\xe3\x14\xc0", 4), frame("\xff\xfb\x90\xc4", 4);  // 128 kbit/s, 417 bytes
+  const std::pair<std::string, std::string> cases[] = {  // audio payload, "bitrate|frequency|channels"
+      {mpeg25 + std::string(500, '\0'), "0|0|0"},
+      {mpeg25 + frame + std::string(500, '\x22'), "0|0|0"},  // found after a rejected one, never confirmed
+      {mpeg25 + frame + std::string(413, '\x22') + frame, "128000|44100|3"},
+      {frame + std::string(500, '\x22'), "128000|44100|3"},  // the first header after the packet needs no confirmation
+  };
+  for (const auto& [payload, want] : cases) {
+    MediaInfo m = ParseMemory(start + payload, 2000);
+    EXPECT_EQ(std::to_string(m.bitrate) + "|" + std::to_string(m.frequency) + "|" + std::to_string(m.channels), want);
+    EXPECT_EQ(m.width, 352);
+  }
 }
 
 TEST(MpegVideoStreams, VcdDvdAndElementaryStreamsMadeByFfmpeg) {

@@ -182,6 +182,8 @@ int ScanSystemStream(VideoReader* reader, VideoInfo* video, MpegInfo* audio) {
     if (CheckMpegHeaderAhead(base, &ahead, audio->header_offset + audio->frame_length + k) == 0) return 0;
     p = found + 1;
   }
+  // No frame found: the audio fields stay 0, not the last rejected header's.
+  *audio = MpegInfo{};
   return 0;
 }
 
