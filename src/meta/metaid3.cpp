@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "platform/log.h"
+#include "platform/text_encoding.h"
 
 const char* const kId3Genres[kId3GenreCount] = {
     "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop", "Jazz",
@@ -90,7 +91,7 @@ void StoreText(const FrameText& text, char* field, size_t size, int32_t* utf16_f
     CopyUtf16(text.bytes, field, size);
     *utf16_flag = 1;
   } else {
-    CopyText(field, size, text.bytes);
+    orvo::CopyTextField(field, size, text.bytes);
   }
 }
 
@@ -145,7 +146,7 @@ void MergeText(char* dst, size_t size, int32_t* dst_flag, const char* v2_text, i
   if (v2_utf16)
     CopyUtf16(v2_text, dst, size);
   else
-    CopyText(dst, size, v2_text);
+    orvo::CopyTextField(dst, size, v2_text);
   *dst_flag = v2_utf16;
 }
 

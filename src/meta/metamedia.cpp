@@ -14,6 +14,7 @@ extern "C" {
 }
 
 #include "platform/log.h"
+#include "platform/text_encoding.h"
 
 // The 16-bit and 8-bit PCM codec ids are the same numbers in libavcodec 59
 // as they always were: the bit-rate rule below depends on these ranges.
@@ -121,7 +122,8 @@ bool HasAny(const ContainerTags& t) {
 
 bool NotEmpty(const char* s) { return s != nullptr && s[0] != '\0'; }
 
-void Copy(char* field, size_t bound, const char* text) { snprintf(field, bound, "%s", text); }
+// Tag text into a record field, cut between whole characters when it is UTF-8.
+void Copy(char* field, size_t bound, const char* text) { orvo::CopyTextField(field, bound, text); }
 
 // PCM bit rates are worked out from the format; everything else trusts the
 // codec's own figure.

@@ -98,7 +98,7 @@ int IndexPhoto(const char* path) {
 
   photo_path::CopyText(media.path, path);
   media.filesize = size;
-  photo_path::CopyText(media.title, photo_path::FileName(path));
+  photo_path::CopyName(media.title, photo_path::FileName(path));
   photo_path::CutAtLast(media.title, '.');
   if (photo_path::HoldingFolder(path, media.album) < 0) {
     ORVO_LOG("%s (%d) Impossible error.");
