@@ -209,7 +209,7 @@ int64_t CountZeroBytes(ByteReader* reader, int64_t from, int64_t end, ZeroRuns* 
     if (ReadByte(reader, at) != 0) break;
     ++at;
   }
-  stops.emplace(from, at);
+  if (at > from) stops.emplace(from, at);  // a count of 0 costs one byte again, not a record
   return at - from;
 }
 

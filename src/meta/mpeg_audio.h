@@ -60,8 +60,8 @@ struct ZeroRuns {
 };
 
 // The number of zero bytes from `from` on, up to the first byte that is not
-// 0 or up to `end` (never read). Each byte is read at most once per ZeroRuns,
-// which must always be given the same `end`. Counts must start no more than
+// 0 or up to `end` (never read). Each zero byte is read at most once per
+// ZeroRuns, which must always be given the same `end`. Counts must start no more than
 // kZeroRunReach bytes before an earlier count's start; runs that end further
 // back are forgotten.
 inline constexpr int64_t kZeroRunReach = 2048;  // above the longest frame (1729 bytes) plus one
