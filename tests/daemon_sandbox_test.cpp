@@ -149,14 +149,17 @@ TEST_F(QueueCommands, EmptyQueueIsConsumedAndNotified) {
 
 TEST_F(QueueCommands, BadLinesAreLoggedAndTheRestRunsEvenWithoutTheLastNewline) {
   fs::create_directories("/volume1/music/kept");
-  // U with another word than "photo" does nothing: a re-index would add /volume1/music.
+  fs::create_directories("/volume1/music/nul");
+  // U with another word than "photo" does nothing: a re-index would add /volume1/music. A line ends at
+  // a NUL, which hides its newline: it runs after the warning.
   std::ofstream(kQueueFile, std::ios::binary) << "a/volume1/music/nocolon\nx:/volume1/music/unknown\nU:music\n"
+                                              << std::string("a:/volume1/music/nul\0tail\n", 26)
                                               << "N:/volume1/music/only-one-path\na:/volume1/music/kept";
   Run({});
   for (const char* line : {"a/volume1/music/nocolon", "x:/volume1/music/unknown", "N:/volume1/music/only-one-path"})
     EXPECT_EQ(SandboxLogCount("Bad format [" + std::string(line)), 1) << line;
-  EXPECT_EQ(SandboxLogCount("Warning! No new line here."), 1);
-  EXPECT_EQ(Rows("directory"), Paths{"/volume1/music/kept"});
+  EXPECT_EQ(SandboxLogCount("Warning! No new line here."), 2);
+  EXPECT_EQ(Rows("directory"), (Paths{"/volume1/music/kept", "/volume1/music/nul"}));
 }
 
 TEST_F(QueueCommands, FilesAndFoldersAreAddedRenamedAndRemoved) {

@@ -10,6 +10,7 @@
 #include "photo/photo_index.h"
 #include "photo/photo_share.h"
 #include "platform/orvodb.h"
+#include "support/db_fixture.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -105,6 +106,67 @@ TEST_F(FormatsSandbox, Mp3AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
   EXPECT_TRUE(run("d:" + song, 4));
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select count(*) from music"), (Rows{{"0"}}));
 }
+
+// The values the daemon stores, on each backend: DatabaseTest points ORVO_MEDIA_DB and ORVO_PHOTO_DB at a
+// fresh pair, which the daemon started here inherits.
+class StoredValuesInSandbox : public orvo::test::DatabaseTest {
+ protected:
+  void SetUp() override {
+    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+    DatabaseTest::SetUp();
+  }
+  void TearDown() override {
+    if (pid_ > 0) {
+      EXPECT_GE(StopDaemon(pid_), 0) << "the daemon did not end on SIGTERM";
+    }
+    DatabaseTest::TearDown();
+  }
+  // Starts the daemon on a queue holding `lines`; returns once it has run them.
+  void RunAtStart(const std::vector<std::string>& lines) {
+    std::ofstream queue(kQueueFile);
+    for (const auto& line : lines) queue << line << "\n";
+    queue.close();
+    pid_ = StartDaemon(kFastClock);
+    ASSERT_GT(pid_, 0);
+    ASSERT_TRUE(WaitForHups(1));
+  }
+  static std::string Row(const char* table, const std::string& columns, const std::string& path) {
+    return orvo::test::QueryAll(OrvoDatabase::kMedia, "select " + columns + " from " + table + " where path = '" + path + "'");
+  }
+  pid_t pid_ = -1;
+};
+
+// Long UTF-8 tags were cut mid-character and stored as Latin-1 mojibake; ASF's WM/Year and 0-based WM/Track
+// were dropped; FLV text data ended the stream loop before the real streams; a VCD whose audio packet held
+// only a rejected MPEG-2.5 header stored that header's fields.
+TEST_P(StoredValuesInSandbox, TagsStreamsAndAudioFieldsAsTheOldLibrariesGaveThem) {
+  std::string japanese;  // 104 characters of three bytes: 84 fit a 255-byte field
+  for (int i = 0; i < 26; ++i) japanese += "日本語歌";
+  const std::string fitted = japanese.substr(0, 84 * 3);
+  const std::string music = "/volume1/music/v", video = "/volume1/video/v", sine = "-f lavfi -i sine=duration=1 ";
+  fs::create_directories(music);
+  fs::create_directories(video);
+  ASSERT_TRUE(Ffmpeg(sine + "-c:a wmav2 -metadata WM/Year=1999 -metadata WM/Track=4 " + music + "/old.wma"));
+  ASSERT_TRUE(Ffmpeg(sine + "-c:a flac -metadata title=" + japanese + " " + music + "/long.flac"));
+  ASSERT_TRUE(Ffmpeg(sine + "-c:a pcm_s16le -metadata title=" + japanese + " " + music + "/long.wav"));
+  std::ofstream(music + "/long.mp3", std::ios::binary) << Id3v2(4, Frame24("TIT2", "\x03" + japanese)) << XingStream(50, 40);
+  std::ofstream(video + "/s.srt") << "1\n00:00:00,000 --> 00:00:00,500\nhello\n";
+  ASSERT_TRUE(Ffmpeg("-i " + video + "/s.srt -f lavfi -i testsrc=duration=1:size=64x48:rate=5 " + sine +
+                     "-map 0 -map 1 -map 2 -c:s text -c:v flv1 -c:a mp3 -f flv " + video + "/text.flv"));
+  std::string vcd("\x55\0\0\1\xb3\x16\0\xf0\x14\x02\xce\x20\0\0\0\1\xc0\0\0\0\xff\xe3\x14\xc0", 24);
+  std::ofstream(video + "/mpeg25.dat", std::ios::binary) << vcd << std::string(2000, '\0');
+
+  RunAtStart({"A:" + music, "A:" + video});
+  EXPECT_EQ(Row("music", "year, track", music + "/old.wma"), "1999|5");
+  for (const char* name : {"/long.flac", "/long.wav", "/long.mp3"}) {
+    EXPECT_EQ(Row("music", "title", music + name), fitted) << name;
+  }
+  EXPECT_EQ(Row("video", "width, height, frequency, channels", video + "/text.flv"), "64|48|44100|1");
+  EXPECT_EQ(SandboxLogCount("Invalid stream type."), 0);
+  EXPECT_EQ(Row("video", "width, bitrate, frequency, channels", video + "/mpeg25.dat"), "352|0|0|0");
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, StoredValuesInSandbox, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
 
 const std::string kShare = "/volume1/photo";
 

@@ -46,6 +46,25 @@ TEST(FrameSearch, StraySyncsNeedAConfirmingHeaderAndTagsAreNotScanned) {
   EXPECT_EQ(rec.bitrate, 128000);
 }
 
+// Candidates whose frames end in long zero runs: each run and the header after it are read once, not once
+// per candidate (that read some 1000 times the file).
+TEST(FrameSearch, FalseSyncsBeforeLongPaddingCostReadsInProportionToTheFile) {
+  const size_t size = 512 * 1024;
+  std::string bytes(size, '\0');
+  // 1728 bytes of MPEG-1 layer II 384 kbit/s 32 kHz headers (frame length 1728), then 20000 zero bytes.
+  for (size_t block = 0; block < size; block += 1728 + 20000)
+    for (size_t at = block; at < block + 1728 && at + 4 <= size; at += 4) bytes.replace(at, 4, "\xFF\xFD\xE8\x00", 4);
+  TempDir dir;
+  std::string path = dir.File("padded.mp3");
+  WriteBytes(path, bytes);
+  orvo::test::LogCapture log;
+  MediaInfo rec = {};
+  long long before = BytesReadSoFar();
+  EXPECT_EQ(ReadMp3Info(path.c_str(), &rec), -1);
+  EXPECT_LT(BytesReadSoFar() - before, 8 * (long long)size);
+  EXPECT_TRUE(log.Contains("Can't find valid mpeg header"));
+}
+
 TEST(Duration, CbrIsTheWholeLengthAtTheFirstFrameRateTagIncluded) {
   std::string bytes = Id3v2(3, Frame23("TIT2", Text("x")), 979) + Cbr128(9500);
   bytes.resize(4000000, '\0');

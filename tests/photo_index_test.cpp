@@ -68,7 +68,8 @@ TEST_P(PhotoIndex, MediaRowAndPhotoRowOfOneFile) {
   EXPECT_EQ(PhotoRow("takendate, change_time", plain), std::string(changed) + "|" + ctime(&st.st_ctime));
 }
 
-// Deliberate: the EXIF date goes through mktime as it is; only a result of 0 keeps the file's mtime.
+// Deliberate: the EXIF date goes through mktime as it is; only a result of 0 keeps the file's mtime. A date
+// outside the 32-bit time range is one mktime refuses there (-1), not a wrapped number.
 TEST_P(PhotoIndex, ExifDateConversionQuirks) {
   setenv("TZ", "UTC", 1);  // the other cases compute their expected times in the same zone
   tzset();
@@ -76,6 +77,9 @@ TEST_P(PhotoIndex, ExifDateConversionQuirks) {
       {"2024:13:45 25:61:61", "1739584921"},  // 2025-02-15 02:02:01
       {"1969:12:31 23:59:59", "-1"},
       {"1970:01:01 00:00:00", "1234567890"},
+      {"2038:01:19 03:14:07", "2147483647"},  {"1901:12:13 20:45:52", "-2147483648"},
+      {"2040:01:01 00:00:00", "-1"},          {"1900:01:01 00:00:00", "-1"},
+      {"0000:00:00 00:00:00", "-1"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.date);

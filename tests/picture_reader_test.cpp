@@ -284,10 +284,14 @@ TEST(ExifWritten, DatePreferenceAndTheLaterIfdWins) {
   EXPECT_STREQ(Written("-IFD0:Make=Alpha -IFD1:Make=Beta").make, "Beta");
 }
 
-// Long texts are cut inside their fields; a number is atoi of the text, so a list gives its first.
+// Long texts are cut inside their fields, UTF-8 between whole characters; a number is atoi of the text, so
+// a list gives its first.
 TEST(ExifWritten, LongTextsStayInsideFieldsAndListsGiveFirstNumber) {
+  std::string accents;
+  for (int i = 0; i < 60; ++i) accents += "\xc3\xa9";
   PhotoInfo info = Written("-Make=" + std::string(120, 'K') + " -Model=Tiny -ISO='100, 200' -ExposureTime=1/250 -FNumber=2.8");
   EXPECT_EQ(std::string(info.make), std::string(sizeof info.make - 1, 'K'));
+  EXPECT_EQ(std::string(Written("-Model=" + accents).model), accents.substr(0, 98));
   EXPECT_EQ(info.iso, 100);
   EXPECT_EQ(std::string(info.model) + "|" + info.exposure + "|" + info.aperture, "Tiny|1/250 sec.|f/2.8");
 }

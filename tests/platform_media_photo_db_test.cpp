@@ -2,6 +2,7 @@
 #include <fcntl.h>
 
 #include <cmath>
+#include <tuple>
 
 #include "platform/media_db.h"
 #include "platform/photo_db.h"
@@ -152,6 +153,22 @@ TEST(TextField, ConvertedToUtf8WithinTheFieldWithoutSplittingACharacter) {
   char none = 'z';
   EXPECT_EQ(orvo::ToUtf8Field("abc", 3, false, &none, 0), 0u);
   EXPECT_EQ(none, 'z');
+}
+
+// Tag text into a record field: UTF-8 was cut mid-character (and then read as Latin-1); Latin-1 keeps its bytes.
+TEST(TextField, TagCopyCutsUtf8BetweenCharactersAndOtherTextAtTheWidth) {
+  const std::tuple<std::string, size_t, std::string> cases[] = {  // text, field size, copy
+      {"ab\xe4\xb8\xad\xe4\xb8\xad", 6, "ab\xe4\xb8\xad"},
+      {"abcd\xe9xyz", 6, "abcd\xe9"},  // converted when saved, as before
+      {std::string("ab\0cd", 5), 6, "ab"},
+      {"", 4, ""},
+  };
+  for (const auto& [text, size, want] : cases) {
+    std::string field(size + 4, '#');
+    size_t n = orvo::CopyTextField(field.data(), size, text);
+    EXPECT_EQ(field.substr(0, n), want) << text;
+    EXPECT_EQ(field.substr(n, 1) + field.substr(size), std::string(1, '\0') + "####") << text;
+  }
 }
 
 // The photo database on every backend: both kinds of rows, sweeps, queries, path lists, renames.

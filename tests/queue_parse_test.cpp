@@ -16,7 +16,9 @@ TEST(QueueLine, LetterAndArgumentWithoutLineEnd) {
       {"d:/volume1/x.mp3", "d|/volume1/x.mp3|no newline"},
       // "photo\r" would otherwise re-index every share instead of the photo one.
       {"R:photo\r\n", "R|photo"},
-      {std::string("a:/v/x.mp3\0junk\n", 16), "a|/v/x.mp3"},
+      // The line ends at a NUL, so its newline is not seen: taken with the warning.
+      {std::string("a:/v/x.mp3\0junk\n", 16), "a|/v/x.mp3|no newline"},
+      {std::string("R:photo\r\0\n", 10), "R|photo\r|no newline"},
       {"a/path\n", "bad"},
       {"\n", "bad"},
       {std::string("\0:x\n", 4), "bad"},

@@ -352,11 +352,12 @@ KeptBatch gKeptBatch;
 }  // namespace
 
 QueueLineStatus ParseQueueLine(char* line, size_t length, QueueCommand* command) {
-  const bool hasNewline = length > 0 && line[length - 1] == '\n';
-  // Text after an embedded NUL is unreachable to every consumer of the line.
+  // The line is a C string: it ends at an embedded NUL, and so does the test
+  // for its newline (a NUL before the newline gives the warning).
   size_t textLength = strnlen(line, length);
+  const bool hasNewline = textLength > 0 && line[textLength - 1] == '\n';
   if (textLength < 2 || line[1] != ':') return QueueLineStatus::kBadFormat;
-  if (hasNewline && textLength == length) {
+  if (hasNewline) {
     line[--textLength] = '\0';
     // A line written with CR-LF would otherwise carry the CR into a path or a
     // share word ("photo\r" would re-index every share).

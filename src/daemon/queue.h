@@ -49,9 +49,10 @@ enum class QueueLineStatus {
   kBadFormat,       // byte 1 is not ':'
 };
 
-// Parses one piece read from the queue (a NUL-terminated text of `length`
-// bytes, its newline still in it). Strips the newline (and a CR before it)
-// in place. A line whose text stops at an embedded NUL is taken up to it.
+// Parses one piece read from the queue (`length` bytes as read, its newline
+// still in it, NUL-terminated after them). The line is the text up to its
+// first NUL, as a C string; when that text ends in a newline, the newline
+// (and a CR before it) is stripped in place, otherwise the status says so.
 QueueLineStatus ParseQueueLine(char* line, size_t length, QueueCommand* command);
 
 // Splits the argument of N ("new:old") in place as strtok(":") does: leading
@@ -59,9 +60,9 @@ QueueLineStatus ParseQueueLine(char* line, size_t length, QueueCommand* command)
 int SplitRenameArgument(char* argument, const char** newPath, const char** oldPath);
 
 // Reads a queue file piece by piece as fgets with a kQueueLineSize buffer
-// would: each piece ends after a newline or after kQueueLineSize - 1 bytes.
-// Unlike fgets it also reports the true length, so NUL bytes cannot hide a
-// newline, and it knows the offset of each piece.
+// would: each piece ends after a newline or after kQueueLineSize - 1 bytes,
+// NUL bytes included. It also reports the piece's length, which fgets
+// cannot, and knows the offset of each piece.
 class QueueLineReader {
  public:
   // Reads the file open on `fd` (not owned) from `offset` on.

@@ -2,6 +2,7 @@
 // remove it once the file is gone.
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "handlers/handlers.h"
 #include "handlers/record_defaults.h"
@@ -9,6 +10,7 @@
 #include "platform/log.h"
 #include "platform/media_db.h"
 #include "platform/system.h"
+#include "platform/text_encoding.h"
 
 namespace {
 
@@ -18,14 +20,9 @@ void WriteDefaultTitle(MediaInfo* rec) {
   const char* slash = strrchr(rec->path, '/');
   const char* base = slash != nullptr ? slash + 1 : rec->path;
   const char* dot = strrchr(base, '.');
-  if (dot != nullptr) {
-    // A base name is at most 255 bytes, but the path need not be one we stat'ed.
-    size_t n = static_cast<size_t>(dot - base);
-    if (n > sizeof rec->title - 1) n = sizeof rec->title - 1;
-    memcpy(rec->title, base, n);
-  } else {
-    snprintf(rec->title, sizeof rec->title, "%.*s", static_cast<int>(sizeof rec->title - 1), base);
-  }
+  // A base name is at most 255 bytes, but the path need not be one we stat'ed.
+  size_t n = dot != nullptr ? static_cast<size_t>(dot - base) : strlen(base);
+  orvo::CopyTextField(rec->title, sizeof rec->title, std::string_view(base, n));
 }
 
 // The name of the file's parent folder; stays empty when the path has none.
@@ -36,7 +33,7 @@ void WriteFolderAlbum(MediaInfo* rec) {
   const char* p = slash - 1;
   while (p > path && *p != '/') --p;
   if (*p != '/') return;
-  snprintf(rec->album, sizeof rec->album, "%.*s", static_cast<int>(sizeof rec->album - 1), p + 1);
+  orvo::CopyTextField(rec->album, sizeof rec->album, p + 1);
   char* cut = strrchr(rec->album, '/');
   if (cut == nullptr) {
     // A folder name longer than the field: the '/' after it was cut off.

@@ -7,6 +7,7 @@
 #include "platform/log.h"
 #include "platform/media_db.h"
 #include "platform/system.h"
+#include "platform/text_encoding.h"
 
 namespace {
 
@@ -19,9 +20,7 @@ const char* BaseName(const char* path) {
 
 void CopyField(char* field, int bound, std::string_view text) {
   if (bound <= 0) return;
-  size_t n = text.size() < static_cast<size_t>(bound - 1) ? text.size() : static_cast<size_t>(bound - 1);
-  memcpy(field, text.data(), n);
-  field[n] = '\0';
+  orvo::CopyTextField(field, static_cast<size_t>(bound), text);
 }
 
 void StartRecord(MediaInfo* info, const char* path, long long size) {
@@ -31,7 +30,7 @@ void StartRecord(MediaInfo* info, const char* path, long long size) {
 }
 
 void SetDefaultTitle(MediaInfo* info, const char* path) {
-  snprintf(info->title, sizeof info->title, "%s", BaseName(path));
+  CopyField(info->title, sizeof info->title, BaseName(path));
   // The cut looks at the bounded copy, so a base name longer than the field
   // is cut at its last '.' within the first 254 bytes. Deliberate.
   char* dot = strrchr(info->title, '.');
@@ -47,7 +46,7 @@ void SetDefaultTitleAfterTags(MediaInfo* info, const char* path) {
     // more than 254 bytes before its last '.', the clamp only guards the field.
     CopyField(info->title, sizeof info->title, std::string_view(base, dot - base));
   } else {
-    snprintf(info->title, sizeof info->title, "%s", base);
+    CopyField(info->title, sizeof info->title, base);
   }
 }
 
@@ -57,7 +56,7 @@ bool SetDefaultAlbum(MediaInfo* info, const char* path) {
   const char* p = last - 1;
   while (p > path && *p != '/') --p;
   if (*p != '/') return true;
-  snprintf(info->album, sizeof info->album, "%s", p + 1);
+  CopyField(info->album, sizeof info->album, p + 1);
   char* cut = strrchr(info->album, '/');
   if (cut == nullptr) return false;
   *cut = '\0';

@@ -29,7 +29,8 @@ bool SetDefaultAlbum(MediaInfo* info, const char* path);
 void StartRecord(MediaInfo* info, const char* path, long long size);
 
 // Copies at most `bound - 1` bytes of `text` into `field` and terminates it:
-// the snprintf(field, bound, "%s", text) of every text field.
+// the bounded copy of every text field, cut between whole characters when
+// the text is UTF-8 (orvo::CopyTextField).
 void CopyField(char* field, int bound, std::string_view text);
 
 // MediaInfoDBSave(type, info); a refused save logs "Failed to save media info

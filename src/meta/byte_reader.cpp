@@ -28,6 +28,15 @@ void ByteReaderAttachMemory(ByteReader* reader, const void* data, size_t size) {
   reader->source_end = 0;
 }
 
+void ByteReaderAttachSame(ByteReader* reader, const ByteReader* other) {
+  if (other->file != nullptr) {
+    ByteReaderAttachFile(reader, other->file, other->length);
+  } else {
+    ByteReaderAttachMemory(reader, other->memory, static_cast<size_t>(other->memory_size));
+    reader->length = other->length;
+  }
+}
+
 // Positions the source at `offset` and reads up to `count` bytes into `out`.
 // -1 when the source cannot be positioned there (a negative offset, or a
 // seek the file refuses); a position past the end reads nothing.

@@ -41,6 +41,11 @@ void ByteReaderAttachFile(ByteReader* reader, FILE* file, int64_t length);
 // Points a zeroed reader at `size` bytes of memory; length = size.
 void ByteReaderAttachMemory(ByteReader* reader, const void* data, size_t size);
 
+// Points a second reader at the source `other` reads, with its length: a
+// buffer of its own over the same bytes, for reads far from where `other`
+// is reading. `other`'s source must outlive it.
+void ByteReaderAttachSame(ByteReader* reader, const ByteReader* other);
+
 // True when the byte at `offset` is in the buffer.
 inline bool ByteReaderCached(const ByteReader* reader, int64_t offset) {
   return reader->start <= offset && offset < reader->end;

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "platform/log.h"
+#include "platform/text_encoding.h"
 
 namespace {
 
@@ -22,12 +23,11 @@ struct DataUnref {
 using ExifDataOwner = std::unique_ptr<ExifData, DataUnref>;
 
 // Rendered values reach 127 characters; the receiving fields are smaller,
-// so every copy is cut to its field and stays NUL-terminated.
+// so every copy is cut to its field (between whole characters when the text
+// is UTF-8) and stays NUL-terminated.
 template <size_t N>
 void CopyField(char (&field)[N], const char* text) {
-  size_t length = strnlen(text, N - 1);
-  memcpy(field, text, length);
-  field[length] = '\0';
+  orvo::CopyTextField(field, N, text);
 }
 
 // Loads the EXIF block of the file; null when there is none or the file

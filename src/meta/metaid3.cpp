@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "platform/log.h"
+#include "platform/text_encoding.h"
 
 const char* const kId3Genres[kId3GenreCount] = {
     "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop", "Jazz",
@@ -90,7 +91,7 @@ void StoreText(const FrameText& text, char* field, size_t size, int32_t* utf16_f
     CopyUtf16(text.bytes, field, size);
     *utf16_flag = 1;
   } else {
-    CopyText(field, size, text.bytes);
+    orvo::CopyTextField(field, size, text.bytes);
   }
 }
 
@@ -145,7 +146,7 @@ void MergeText(char* dst, size_t size, int32_t* dst_flag, const char* v2_text, i
   if (v2_utf16)
     CopyUtf16(v2_text, dst, size);
   else
-    CopyText(dst, size, v2_text);
+    orvo::CopyTextField(dst, size, v2_text);
   *dst_flag = v2_utf16;
 }
 
@@ -177,46 +178,11 @@ void MergeGenre(MediaInfo* rec, const Id3v1Tag* v1, const Id3v2Info* v2) {
   }
 }
 
-// Padding runs of zero bytes between frames, remembered so that many
-// candidate headers whose frames end in one long run do not rescan it.
-struct ZeroRun {
-  int64_t from = -1;  // first zero byte
-  int64_t to = -1;    // one past the last zero byte
-};
-
-// The k of the confirmation: the number of zero bytes to skip after a frame
-// ending at `frame_end`. Deliberate: each test looks one byte past the
-// candidate position, frame_end + k + 1; confirmed offsets depend on it.
-int64_t CountPadding(ByteReader* reader, int64_t frame_end, ZeroRun* run) {
-  int64_t k = 0;
-  while (frame_end + k < reader->length) {
-    int64_t at = frame_end + k + 1;
-    if (at >= run->from && at < run->to) {
-      k = run->to - 1 - frame_end;
-      if (frame_end + k > reader->length) k = reader->length - frame_end;
-      continue;
-    }
-    if (ReadByte(reader, at) != 0) break;
-    ++k;
-  }
-  if (k > 0) {
-    int64_t from = frame_end + 1;
-    int64_t to = frame_end + k + 1;
-    if (to >= run->from && from <= run->to && run->from >= 0) {
-      run->from = from < run->from ? from : run->from;
-      run->to = to > run->to ? to : run->to;
-    } else {
-      run->from = from;
-      run->to = to;
-    }
-  }
-  return k;
-}
-
 // Finds the first frame header that the next frame (after any zero padding)
 // confirms. Returns 1 with *mpeg filled, 0 when there is none.
 int FindConfirmedFrame(ByteReader* reader, int64_t from, MpegInfo* mpeg) {
-  ZeroRun run;
+  ZeroRuns runs;
+  std::unique_ptr<ByteReader> ahead;
   int64_t offset = from;
   while (offset < reader->length - 10) {
     if (FindMpegHeader(reader, &offset, mpeg) == 0) {
@@ -224,8 +190,11 @@ int FindConfirmedFrame(ByteReader* reader, int64_t from, MpegInfo* mpeg) {
       continue;
     }
     int64_t found = offset;
-    int64_t k = CountPadding(reader, found + mpeg->frame_length, &run);
-    if (CheckMpegHeader(reader, mpeg->header_offset + mpeg->frame_length + k) == 0) return 1;
+    // Deliberate: the zero bytes are counted from one byte past the frame's
+    // end, frame_end + 1 up to the length itself; confirmed offsets depend on it.
+    int64_t frame_end = found + mpeg->frame_length;
+    int64_t k = CountZeroBytes(reader, frame_end + 1, reader->length + 1, &runs);
+    if (CheckMpegHeaderAhead(reader, &ahead, mpeg->header_offset + mpeg->frame_length + k) == 0) return 1;
     offset = found + 1;
   }
   return 0;

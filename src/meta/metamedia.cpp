@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 
 extern "C" {
@@ -18,6 +19,7 @@ extern "C" {
 
 #include "meta/probe_helper.h"
 #include "platform/log.h"
+#include "platform/text_encoding.h"
 
 // The 16-bit and 8-bit PCM codec ids are the same numbers in libavcodec 59
 // as they always were: the bit-rate rule below depends on these ranges.
@@ -84,15 +86,41 @@ const char* Tag(const AVDictionary* dict, const char* key) {
   return e != nullptr ? e->value : nullptr;
 }
 
+const char* FirstTag(const AVDictionary* dict, std::initializer_list<const char*> keys) {
+  for (const char* key : keys) {
+    if (const char* value = Tag(dict, key)) return value;
+  }
+  return nullptr;
+}
+
+// The names FFmpeg 5.1's demuxers give the tags of the generic extensions'
+// containers (matched without case), first name found wins:
+//
+//   field   names            given by
+//   title   title            ASF and RealMedia content description, RIFF INAM (WAV, AVI),
+//                            ID3 TIT2, MOV (c)nam, Vorbis TITLE (Ogg), FLV onMetaData
+//   artist  artist           ASF Author, RIFF IART, ID3 TPE1, MOV (c)ART, Vorbis ARTIST
+//           author           RealMedia
+//   album   album            ASF WM/AlbumTitle, WAV IPRD, ID3 TALB, MOV (c)alb, Vorbis ALBUM
+//           product          AVI IPRD
+//   year    date             RIFF ICRD, ID3 TYER/TDRC, MOV (c)day, Vorbis DATE
+//           year             files whose writer used that name (FLV, Ogg)
+//           WM/Year          ASF, left under its own name by the demuxer
+//   track   track            ASF WM/TrackNumber, RIFF IPRT/ITRK, ID3 TRCK, MOV trkn,
+//                            Vorbis TRACKNUMBER
+//           WM/Track         ASF's older track number, counted from 0
+//   genre   genre            ASF WM/Genre, RIFF IGNR, ID3 TCON, MOV (c)gen/gnre, Vorbis GENRE
+//
+// MPEG program and transport streams, AC-3 and raw audio have none of their
+// own; a leading ID3v2 tag on any of them is read as ID3 above.
 ContainerTags TagsOf(const AVDictionary* dict) {
   ContainerTags t;
   t.title = Tag(dict, "title");
-  t.artist = Tag(dict, "artist");
-  if (t.artist == nullptr) t.artist = Tag(dict, "author");
-  t.album = Tag(dict, "album");
-  t.date = Tag(dict, "date");
-  if (t.date == nullptr) t.date = Tag(dict, "year");
+  t.artist = FirstTag(dict, {"artist", "author"});
+  t.album = FirstTag(dict, {"album", "product"});
+  t.date = FirstTag(dict, {"date", "year", "WM/Year"});
   t.track = Tag(dict, "track");
+  if (t.track == nullptr && (t.track = Tag(dict, "WM/Track")) != nullptr) t.track_from_zero = true;
   t.genre = Tag(dict, "genre");
   return t;
 }
@@ -103,7 +131,8 @@ bool HasAny(const ContainerTags& t) {
 
 bool NotEmpty(const char* s) { return s != nullptr && s[0] != '\0'; }
 
-void Copy(char* field, size_t bound, const char* text) { snprintf(field, bound, "%s", text); }
+// Tag text into a record field, cut between whole characters when it is UTF-8.
+void Copy(char* field, size_t bound, const char* text) { orvo::CopyTextField(field, bound, text); }
 
 // PCM bit rates are worked out from the format; everything else trusts the
 // codec's own figure.
@@ -259,7 +288,7 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
   if (NotEmpty(tags.title)) Copy(info->title, sizeof info->title, tags.title);
   int year = tags.date != nullptr ? atoi(tags.date) : 0;
   if (year != 0) snprintf(info->year, sizeof info->year, "%d", year);
-  info->track = tags.track != nullptr ? atoi(tags.track) : 0;
+  info->track = ContainerTrack(tags);
 
   bool audio_seen = false;
   bool video_seen = false;
@@ -267,7 +296,7 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
   bool all_streams = true;
   for (unsigned i = 0; i < ctx->nb_streams; ++i) {
     const AVStream* st = ctx->streams[i];
-    if (IsSideStream(st)) continue;
+    if (IsSideStream(ctx.get(), st)) continue;
     const AVCodecParameters* par = st->codecpar;
     if (par->codec_type == AVMEDIA_TYPE_VIDEO) {
       if (par->width != 0) {
@@ -299,6 +328,19 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
 }
 
 }  // namespace
+
+int ContainerTrack(const ContainerTags& tags) {
+  if (tags.track == nullptr) return 0;
+  return atoi(tags.track) + (tags.track_from_zero ? 1 : 0);
+}
+
+bool IsSideStream(const AVFormatContext* ctx, const AVStream* st) {
+  if (IsSideStream(st)) return true;
+  // The library of old made no stream of FLV script data; passed over, such a
+  // file keeps the values of the streams after it.
+  bool flv = ctx->iformat != nullptr && strcmp(ctx->iformat->name, "flv") == 0;
+  return flv && (st->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE || st->codecpar->codec_type == AVMEDIA_TYPE_DATA);
+}
 
 ContainerTags GetContainerTags(const AVFormatContext* ctx) {
   ContainerTags tags = TagsOf(ctx->metadata);

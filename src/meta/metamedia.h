@@ -67,23 +67,35 @@ using AvInput = std::unique_ptr<AVFormatContext, AvInputCloser>;
 
 // The container's tags as the record takes them: the format context's
 // metadata, or the first audio stream's when the container carries none of
-// title, artist/author, album, date/year, track and genre (Ogg keeps its
-// comments on the stream).
+// them (Ogg keeps its comments on the stream). Each field takes the first of
+// the names the demuxers give it (see TagsOf in metamedia.cpp).
 struct ContainerTags {
   const char* title = nullptr;
-  const char* artist = nullptr;
-  const char* album = nullptr;
-  const char* date = nullptr;   // date, or year
-  const char* track = nullptr;
+  const char* artist = nullptr;  // artist, or author
+  const char* album = nullptr;   // album, or product
+  const char* date = nullptr;    // date, year, or WM/Year
+  const char* track = nullptr;   // track, or WM/Track (counted from 0)
   const char* genre = nullptr;
+  bool track_from_zero = false;  // `track` is WM/Track
 };
 ContainerTags GetContainerTags(const AVFormatContext* ctx);
 
+// The track number the record takes: atoi of the track text ("3/12" is 3),
+// plus one for a number counted from 0; 0 when there is none.
+int ContainerTrack(const ContainerTags& tags);
+
 // Streams that newer libavformat shows but that are no audio, video or
-// subtitle content of the file: cover art (a one-picture "video" stream) and
-// the navigation packets of DVD program streams. Counted, the first would
-// take every tagged song's album away and the second would fail every VOB
-// as "Invalid stream type."; both are passed over.
+// subtitle content of the file: cover art (a one-picture "video" stream), the
+// navigation packets of DVD program streams and the program guide of DVB
+// transport streams. Counted, the first would take every tagged song's album
+// away and the others would end the stream loop with "Invalid stream type."
+// before the streams after them; all are passed over.
 inline bool IsSideStream(const AVStream* st) {
-  return (st->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0 || st->codecpar->codec_id == AV_CODEC_ID_DVD_NAV;
+  return (st->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0 || st->codecpar->codec_id == AV_CODEC_ID_DVD_NAV ||
+         st->codecpar->codec_id == AV_CODEC_ID_EPG;
 }
+
+// The same, knowing the container: FLV has no subtitle or data tracks, so
+// the subtitle streams libavformat makes of its script data (onTextData,
+// onCaption, cue points) are side streams too.
+bool IsSideStream(const AVFormatContext* ctx, const AVStream* st);

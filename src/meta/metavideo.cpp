@@ -1,5 +1,6 @@
 #include "meta/metavideo.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -162,20 +163,27 @@ int ScanSystemStream(VideoReader* reader, VideoInfo* video, MpegInfo* audio) {
   int64_t p = SkipPacketHeader(reader, packet);
   if (FindMpegHeader(base, &p, audio) != 0) return 0;
   // Each search moves p forward and a rejected header steps one byte on, so
-  // the loop ends at the end of the file.
+  // the loop ends at the end of the file. The zero runs and the headers after
+  // them are read once, not once per candidate: a file costs reads in
+  // proportion to its length.
+  ZeroRuns runs;
+  std::unique_ptr<ByteReader> ahead;
   while (p < base->length - 10) {
     if (FindMpegHeader(base, &p, audio) == 0) {
       ++p;
       continue;
     }
     int64_t found = p;
-    int64_t k = 0;
     // The zero run is counted from the start of the file, not from the frame:
-    // deliberate, the stored audio values of existing files depend on it.
-    while (p + audio->frame_length + k < base->length && ReadVideoByte(reader, audio->frame_length + k + 1) == 0) ++k;
-    if (CheckMpegHeader(base, audio->header_offset + audio->frame_length + k) == 0) return 0;
+    // deliberate, the stored audio values of existing files depend on it. The
+    // count stops where p + frame length + k reaches the length.
+    int64_t zeros = CountZeroBytes(base, audio->frame_length + 1, base->length, &runs);
+    int64_t k = std::max<int64_t>(0, std::min(zeros, base->length - p - audio->frame_length));
+    if (CheckMpegHeaderAhead(base, &ahead, audio->header_offset + audio->frame_length + k) == 0) return 0;
     p = found + 1;
   }
+  // No frame found: the audio fields stay 0, not the last rejected header's.
+  *audio = MpegInfo{};
   return 0;
 }
 

@@ -37,6 +37,9 @@ int64_t FindStartCode(VideoReader* reader, int64_t offset, int code);
 int ParseSequenceHeader(VideoReader* reader, int64_t offset, VideoInfo* info);
 int ParseSequenceExtension(VideoReader* reader, int64_t offset, VideoInfo* info);
 int64_t SkipPacketHeader(VideoReader* reader, int64_t offset);
+// The sequence header found anywhere in the search range into *video, and
+// the first audio frame after the first audio packet into *audio (all zero
+// when there is none). -1 when there is no video to parse.
 int ScanSystemStream(VideoReader* reader, VideoInfo* video, MpegInfo* audio);
 
 // Entry point: fills video_bitrate, duration, width, height, bitrate,

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -187,6 +188,38 @@ int DecodeMpegHeader(ByteReader* reader, int64_t offset, MpegInfo* info) {
 int CheckMpegHeader(ByteReader* reader, int64_t offset) {
   MpegInfo scratch = {};
   return DecodeMpegHeader(reader, offset, &scratch) == 1 ? 0 : -1;
+}
+
+int64_t CountZeroBytes(ByteReader* reader, int64_t from, int64_t end, ZeroRuns* runs) {
+  if (from >= end) return 0;
+  std::map<int64_t, int64_t>& stops = runs->stop_by_first;
+  while (!stops.empty() && stops.begin()->second < from - kZeroRunReach) stops.erase(stops.begin());
+  auto next = stops.upper_bound(from);
+  if (next != stops.begin()) {
+    auto known = std::prev(next);
+    if (from <= known->second) return known->second - from;  // inside a run already counted
+  }
+  int64_t at = from;
+  while (at < end) {
+    if (next != stops.end() && at == next->first) {  // the rest of this run is known
+      at = next->second;
+      stops.erase(next);
+      break;
+    }
+    if (ReadByte(reader, at) != 0) break;
+    ++at;
+  }
+  if (at > from) stops.emplace(from, at);  // a count of 0 costs one byte again, not a record
+  return at - from;
+}
+
+int CheckMpegHeaderAhead(ByteReader* scan, std::unique_ptr<ByteReader>* ahead, int64_t offset) {
+  if (ByteReaderCached(scan, offset) && offset + 4 <= scan->end) return CheckMpegHeader(scan, offset);
+  if (!*ahead) {
+    *ahead = std::make_unique<ByteReader>();
+    ByteReaderAttachSame(ahead->get(), scan);
+  }
+  return CheckMpegHeader(ahead->get(), offset);
 }
 
 int MpegSamplesPerFrame(const MpegInfo* info) {

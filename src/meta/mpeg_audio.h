@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 
 #include "meta/byte_reader.h"
 
@@ -45,6 +47,32 @@ int DecodeMpegHeader(ByteReader* reader, int64_t offset, MpegInfo* info);
 // 0 when a valid frame header stands at `offset`, -1 otherwise. Decodes into
 // a scratch block of its own and changes nothing but the reader's buffer.
 int CheckMpegHeader(ByteReader* reader, int64_t offset);
+
+// The confirmation of a candidate frame (steps of the MP3 driver and of the
+// VCD audio search) counts the zero bytes after it and checks the header
+// that follows them. Both are done so that a file costs reads in proportion
+// to its length, however many false candidates it holds.
+
+// Zero runs already counted, each kept as its first offset and the offset
+// that ended the count (a byte that is not 0, or the end of the range).
+struct ZeroRuns {
+  std::map<int64_t, int64_t> stop_by_first;
+};
+
+// The number of zero bytes from `from` on, up to the first byte that is not
+// 0 or up to `end` (never read). Each zero byte is read at most once per
+// ZeroRuns, which must always be given the same `end`. Counts must start no more than
+// kZeroRunReach bytes before an earlier count's start; runs that end further
+// back are forgotten.
+inline constexpr int64_t kZeroRunReach = 2048;  // above the longest frame (1729 bytes) plus one
+int64_t CountZeroBytes(ByteReader* reader, int64_t from, int64_t end, ZeroRuns* runs);
+
+// CheckMpegHeader(scan, offset), reading the header through `ahead` (made on
+// first need, a second buffer over the scan's source) unless `scan` holds
+// it already: the header after a long zero run lies far ahead of the scan,
+// and reading it through the scan's own buffer would throw away and read
+// again the bytes the scan goes on with, once per candidate.
+int CheckMpegHeaderAhead(ByteReader* scan, std::unique_ptr<ByteReader>* ahead, int64_t offset);
 
 // Looks for a "Xing" header with a frame count between `start` (the ID3v2
 // tag length) and min(start + 20000, length / 4). Returns -1 when there is

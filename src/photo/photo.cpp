@@ -22,7 +22,8 @@ namespace {
 
 // The EXIF date "YYYY:MM:DD hh:mm:ss" as a time value. The six numbers are
 // read one after another, so a damaged date still yields whatever mktime
-// makes of it (an out-of-range field is normalised, a rejected one gives -1).
+// makes of it (an out-of-range field is normalised, a rejected one gives -1,
+// as does a date outside the 32-bit range).
 time_t ExifDateToTime(const char* takenDate) {
   char text[sizeof(PhotoInfo::takenDate)];
   photo_path::CopyText(text, takenDate);
@@ -46,7 +47,11 @@ time_t ExifDateToTime(const char* takenDate) {
   // Always taken as standard time, also in summer: deliberate, the stored
   // times of existing rows were made this way.
   broken.tm_isdst = 0;
-  return mktime(&broken);
+  time_t taken = mktime(&broken);
+  // The appliance's time_t has 32 bits: there mktime refuses a date outside
+  // that range with -1, which the row then stores. Computed as it would be.
+  if (taken < INT32_MIN || taken > INT32_MAX) return -1;
+  return taken;
 }
 
 bool IsJpegExtension(const char* extension) {
@@ -93,7 +98,7 @@ int IndexPhoto(const char* path) {
 
   photo_path::CopyText(media.path, path);
   media.filesize = size;
-  photo_path::CopyText(media.title, photo_path::FileName(path));
+  photo_path::CopyName(media.title, photo_path::FileName(path));
   photo_path::CutAtLast(media.title, '.');
   if (photo_path::HoldingFolder(path, media.album) < 0) {
     ORVO_LOG("%s (%d) Impossible error.");

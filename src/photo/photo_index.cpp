@@ -118,8 +118,8 @@ int ORVOPhotoIndexAdd(const char* path, int saveFlag) {
   const char* fileName = photo_path::FileName(path);
   if (fileName[0] == '.') return -1;
 
-  photo_path::CopyText(info.name, fileName);
-  photo_path::CopyText(info.title, fileName);
+  photo_path::CopyName(info.name, fileName);
+  photo_path::CopyName(info.title, fileName);
   photo_path::CutAtLast(info.title, '.');
   if (photo_path::HoldingFolder(path, info.album) < 0) {
     ORVO_LOG("%s (%d) Impossible error.");

@@ -5,14 +5,24 @@
 #include <cstddef>
 #include <cstring>
 
+#include "platform/text_encoding.h"
+
 namespace photo_path {
 
-// Copies `text` into the fixed field, cut to the field and NUL-terminated.
+// Copies `text` into the fixed field, cut to the field and NUL-terminated:
+// paths and other bytes kept as they are.
 template <size_t N>
 void CopyText(char (&field)[N], const char* text) {
   size_t length = strnlen(text, N - 1);
   memcpy(field, text, length);
   field[length] = '\0';
+}
+
+// The same for a text column's field (a name, title or album): cut between
+// whole characters when the text is UTF-8.
+template <size_t N>
+void CopyName(char (&field)[N], const char* text) {
+  orvo::CopyTextField(field, N, text);
 }
 
 // The last path component, or the whole path when it has no '/'.
@@ -42,7 +52,7 @@ int HoldingFolder(const char* path, char (&album)[N]) {
     if (*start == '/') break;
   }
   if (*start != '/' || start == last) return 0;
-  CopyText(album, start + 1);
+  CopyName(album, start + 1);
   char* cut = strrchr(album, '/');
   if (cut == nullptr) return -1;
   *cut = '\0';

@@ -140,4 +140,19 @@ size_t ToUtf8Field(const char* in, size_t inSize, bool isUtf16, char* out, size_
   return w.used;
 }
 
+// Deliberate departure: the old copies cut at the width mid-character, which then read as Latin-1.
+size_t CopyTextField(char* field, size_t size, std::string_view text) {
+  if (size == 0) return 0;
+  if (text.empty()) {
+    field[0] = '\0';
+    return 0;
+  }
+  text = text.substr(0, strnlen(text.data(), text.size()));
+  if (IsValidUtf8(text)) return ToUtf8Field(text.data(), text.size(), false, field, size);
+  size_t n = text.size() < size - 1 ? text.size() : size - 1;
+  memcpy(field, text.data(), n);
+  field[n] = '\0';
+  return n;
+}
+
 }  // namespace orvo

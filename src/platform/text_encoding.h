@@ -21,4 +21,10 @@ bool IsValidUtf8(std::string_view text);
 // Returns the output length.
 size_t ToUtf8Field(const char* in, size_t inSize, bool isUtf16, char* out, size_t outSize);
 
+// Copies tag or name text (up to its first NUL) into a record's fixed field
+// of `size` bytes, NUL included. Valid UTF-8 is cut only between whole
+// characters; other text (Latin-1, converted when the record is saved) is
+// cut at the field's width byte for byte. Returns the length copied.
+size_t CopyTextField(char* field, size_t size, std::string_view text);
+
 }  // namespace orvo
