@@ -109,18 +109,8 @@ TEST_F(FormatsSandbox, Mp3AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
 
 // The values the daemon stores, on each backend: DatabaseTest points ORVO_MEDIA_DB and ORVO_PHOTO_DB at a
 // fresh pair, which the daemon started here inherits.
-class StoredValuesInSandbox : public orvo::test::DatabaseTest {
+class StoredValuesInSandbox : public orvo::test::SandboxDatabaseTest {
  protected:
-  void SetUp() override {
-    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
-    DatabaseTest::SetUp();
-  }
-  void TearDown() override {
-    if (pid_ > 0) {
-      EXPECT_GE(StopDaemon(pid_), 0) << "the daemon did not end on SIGTERM";
-    }
-    DatabaseTest::TearDown();
-  }
   // Starts the daemon on a queue holding `lines`; returns once it has run them.
   void RunAtStart(const std::vector<std::string>& lines) {
     std::ofstream queue(kQueueFile);
@@ -133,7 +123,6 @@ class StoredValuesInSandbox : public orvo::test::DatabaseTest {
   static std::string Row(const char* table, const std::string& columns, const std::string& path) {
     return orvo::test::QueryAll(OrvoDatabase::kMedia, "select " + columns + " from " + table + " where path = '" + path + "'");
   }
-  pid_t pid_ = -1;
 };
 
 // Long UTF-8 tags were cut mid-character and stored as Latin-1 mojibake; ASF's WM/Year and 0-based WM/Track

@@ -38,18 +38,8 @@ Rows Query(const std::string& table, const std::string& columns) {
   return rows;
 }
 
-class ReindexSandbox : public DatabaseTest {
+class ReindexSandbox : public SandboxDatabaseTest {
  protected:
-  void SetUp() override {
-    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
-    DatabaseTest::SetUp();
-  }
-  void TearDown() override {
-    if (pid_ > 0) {
-      EXPECT_GE(StopDaemon(pid_), 0) << "the daemon did not end on SIGTERM";
-    }
-    DatabaseTest::TearDown();
-  }
   void Start() {
     std::ofstream(kQueueFile).flush();
     pid_ = StartDaemon(kFastClock);
@@ -68,7 +58,6 @@ class ReindexSandbox : public DatabaseTest {
     ASSERT_EQ(ORVODBFlush(), 0);
     ORVODBCloseAll();
   }
-  pid_t pid_ = -1;
 };
 
 TEST_P(ReindexSandbox, IncrementalKeepsUnchangedRowsUnreadAndEveryId) {

@@ -152,18 +152,12 @@ TEST_F(QueueWriters, WriterStillWritingPastTheWaitIsFollowedAtLaterTicks) {
 }
 
 // A database locked by another program for longer than the daemon waits for a lock, on both backends.
-class DatabaseOutage : public DatabaseTest {
+class DatabaseOutage : public SandboxDatabaseTest {
  protected:
-  void SetUp() override {
-    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
-    DatabaseTest::SetUp();
-  }
   void TearDown() override {
-    if (pid_ > 0) {
-      EXPECT_GE(StopDaemon(pid_), 0) << "the daemon did not end on SIGTERM";
-    }
+    StopStartedDaemon();
     Unlock();
-    DatabaseTest::TearDown();
+    SandboxDatabaseTest::TearDown();
   }
   // Another program takes the tables the queue lines write: SQLite's write lock, or PostgreSQL table locks.
   void Lock() {
@@ -188,7 +182,6 @@ class DatabaseOutage : public DatabaseTest {
   }
   std::string Folders() { return QueryElsewhere(OrvoDatabase::kMedia, "select count(*) from directory"); }
 
-  pid_t pid_ = -1;
   PGconn* pg_ = nullptr;
   sqlite3* lite_ = nullptr;
 };

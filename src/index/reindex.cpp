@@ -15,6 +15,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "index/folder_visits.h"
 #include "index/index.h"
 #include "platform/log.h"
 #include "platform/media_info.h"
@@ -43,17 +44,6 @@ struct PathHash {
   size_t operator()(std::string_view path) const { return std::hash<std::string_view>{}(path); }
 };
 using StoredRows = std::unordered_map<std::string, StoredFile, PathHash, std::equal_to<>>;
-
-struct FolderId {
-  dev_t device;
-  ino_t inode;
-  bool operator==(const FolderId&) const = default;
-};
-struct FolderIdHash {
-  size_t operator()(const FolderId& id) const {
-    return std::hash<uint64_t>{}(static_cast<uint64_t>(id.device) * 0x9E3779B97F4A7C15ull ^ id.inode);
-  }
-};
 
 // One share's re-index: its rows as they were at the start, marked as the
 // walk meets their files, and the folders entered so far.

@@ -10,6 +10,7 @@
 #include "platform/media_info.h"
 #include "platform/orvodb.h"
 #include "support/log_capture.h"
+#include "support/sandbox.h"
 
 namespace fs = std::filesystem;
 struct pg_conn;
@@ -46,5 +47,27 @@ inline MediaInfo MediaRecord(const std::string& path) {  // zeroed but for the p
   snprintf(info.path, sizeof info.path, "%s", path.c_str());
   return info;
 }
+
+// A DatabaseTest whose case runs the real daemon in the sandbox (skipped
+// outside it) on the fresh databases, which the daemon inherits through the
+// environment; the daemon the case started must end on SIGTERM.
+class SandboxDatabaseTest : public DatabaseTest {
+ protected:
+  void SetUp() override {
+    if (!InSandbox()) GTEST_SKIP() << kNotInSandbox;
+    DatabaseTest::SetUp();
+  }
+  void TearDown() override {
+    StopStartedDaemon();
+    DatabaseTest::TearDown();
+  }
+  void StopStartedDaemon() {
+    if (pid_ > 0) {
+      EXPECT_GE(StopDaemon(pid_), 0) << "the daemon did not end on SIGTERM";
+    }
+    pid_ = -1;
+  }
+  pid_t pid_ = -1;
+};
 
 }  // namespace orvo::test
