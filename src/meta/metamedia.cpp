@@ -12,6 +12,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "meta/probe_tuning.h"
 #include "platform/log.h"
 
 // The 16-bit and 8-bit PCM codec ids are the same numbers in libavcodec 59
@@ -106,17 +107,6 @@ int64_t AudioBitRate(const AVCodecParameters* par) {
   return par->bit_rate;
 }
 
-// True when every stream is plain PCM, whose parameters all come from the
-// header (WAV, mostly).
-bool OnlyPcm(const AVFormatContext* ctx) {
-  if (ctx->nb_streams == 0) return false;
-  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
-    AVCodecID id = ctx->streams[i]->codecpar->codec_id;
-    if (id < AV_CODEC_ID_FIRST_AUDIO || id >= AV_CODEC_ID_ADPCM_IMA_QT) return false;
-  }
-  return true;
-}
-
 int ProbeStreams(const char* path, MediaInfo* info, ProbeMode mode) {
   int result = -1;
   AVFormatContext* raw = nullptr;
@@ -128,13 +118,7 @@ int ProbeStreams(const char* path, MediaInfo* info, ProbeMode mode) {
     return -1;
   }
   AvInput ctx(raw);
-  // The stream analysis keeps probing PCM packets for other codecs up to its
-  // probe size, some 200 KiB of a WAV file and 40 ms; the first 32 KiB tell
-  // as much. Other formats keep libavformat's limits: smaller probe sizes,
-  // analysis durations or frame-rate probes each changed stored durations or
-  // bit rates (ADTS and FLV files estimate them from what was read).
-  if (mode == ProbeMode::kTuned && OnlyPcm(ctx.get())) ctx->probesize = 32768;
-  if (av->findStreamInfo(ctx.get(), nullptr) < 0) {
+  if (AnalyseStreams(ctx.get(), mode) < 0) {
     ORVO_LOG("%s (%d) Could not find codec parameters.  %s", path);
     return -1;
   }
