@@ -1,12 +1,17 @@
 // Extraction rate per format, in one process: our reader (the handler's
 // record fill, without the database), the floor (open, stat, read the first
-// 16 KiB, close) and the library alone on the same files.
+// 16 KiB, close) and the library alone on the same files, with the bytes
+// each of them asks the kernel for per file.
 //
-//   formats_bench [copies-per-format] [scratch-folder]
+//   formats_bench [copies-per-format] [scratch-folder] [--cold] [--only NAME]
 //
 // The files are made with ffmpeg into the scratch folder (default: a new
-// folder under /tmp, removed afterwards) and copied; every pass reads them
-// warm from the page cache, so the figures compare CPU work, not the disk.
+// folder under /tmp, removed afterwards); files already in a given folder
+// are used as they are, so two builds can be timed on the same files. Every
+// timed pass reads them warm from the page cache, so the rates compare CPU
+// work, not the disk. --cold (root only, and only meaningful on an otherwise
+// idle machine) adds one pass per column after dropping the page cache and
+// reports its rate and the bytes read from the disk.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -19,6 +24,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -79,15 +85,30 @@ int LibFlac(const char* path) {
   return 0;
 }
 
-double Rate(const std::vector<std::string>& files, const std::function<int(const char*)>& fn) {
-  for (const auto& f : files) fn(f.c_str());  // warm-up pass
+// A counter of this process's /proc/self/io: "rchar" is every byte read()
+// returned, page cache or not; "read_bytes" what had to come from the disk.
+long long ProcIo(const char* key) {
+  std::ifstream io("/proc/self/io");
+  std::string name;
+  long long value = 0;
+  while (io >> name >> value)
+    if (name == std::string(key) + ":") return value;
+  return -1;
+}
+
+double Pass(const std::vector<std::string>& files, const std::function<int(const char*)>& fn) {
   auto start = std::chrono::steady_clock::now();
+  for (const auto& f : files) fn(f.c_str());
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double Rate(const std::vector<std::string>& files, const std::function<int(const char*)>& fn) {
+  Pass(files, fn);  // warm-up pass
   int passes = 0;
   double elapsed = 0;
   do {
-    for (const auto& f : files) fn(f.c_str());
+    elapsed += Pass(files, fn);
     ++passes;
-    elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   } while (elapsed < 0.5);
   return passes * files.size() / elapsed;
 }
@@ -101,6 +122,30 @@ void Measure(const std::vector<std::string>& files, const std::vector<std::funct
   }
 }
 
+// Bytes per file that one warm pass asks the kernel for.
+double BytesPerFile(const std::vector<std::string>& files, const std::function<int(const char*)>& fn) {
+  long long before = ProcIo("rchar");
+  Pass(files, fn);
+  return static_cast<double>(ProcIo("rchar") - before) / files.size();
+}
+
+bool DropCaches() {
+  sync();
+  std::ofstream drop("/proc/sys/vm/drop_caches");
+  drop << "3" << std::endl;
+  return static_cast<bool>(drop);
+}
+
+// One pass after the page cache was dropped: files/s and disk bytes per file.
+bool ColdPass(const std::vector<std::string>& files, const std::function<int(const char*)>& fn, double* rate,
+              double* bytes) {
+  if (!DropCaches()) return false;
+  long long before = ProcIo("read_bytes");
+  *rate = files.size() / Pass(files, fn);
+  *bytes = static_cast<double>(ProcIo("read_bytes") - before) / files.size();
+  return true;
+}
+
 struct Format {
   const char* name;
   std::string make;  // ffmpeg arguments
@@ -110,15 +155,39 @@ struct Format {
   const char* library_name;
 };
 
+std::string Kib(double bytes) {
+  char text[32];
+  snprintf(text, sizeof text, "%.1f", bytes / 1024);
+  return text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  int copies = argc > 1 ? atoi(argv[1]) : 100;
-  bool own_dir = argc <= 2;
-  std::string dir = own_dir ? "" : argv[2];
+  int copies = 100;
+  std::string dir, only;
+  bool cold = false;
+  std::vector<std::string> positional;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--cold") {
+      cold = true;
+    } else if (arg == "--only" && i + 1 < argc) {
+      only = argv[++i];
+    } else {
+      positional.push_back(arg);
+    }
+  }
+  if (!positional.empty()) copies = std::max(1, atoi(positional[0].c_str()));
+  if (positional.size() > 1) dir = positional[1];
+  bool own_dir = dir.empty();
   if (own_dir) {
     char tmpl[] = "/tmp/orvo-formats-bench-XXXXXX";
     dir = mkdtemp(tmpl);
+  }
+  if (cold && geteuid() != 0) {
+    fprintf(stderr, "--cold needs root to drop the page cache; left out\n");
+    cold = false;
   }
   orvo::SetLogCapture(Discard, nullptr);
   LoadAv();
@@ -129,40 +198,76 @@ int main(int argc, char** argv) {
   auto fill = [&](int (*f)(const char*, MediaInfo*)) {
     return [f, &scratch](const char* p) { return f(p, &scratch); };
   };
+  auto generic = [&](int type) { return [type, &scratch](const char* p) { return FillMediaRecord(p, type, &scratch); }; };
   std::vector<Format> formats = {
       {"FLAC", audio + "-c:a flac -metadata TITLE=T -metadata ARTIST=A", "flac", fill(FillFlacRecord), LibFlac,
        "libFLAC metadata"},
       {"AIFF", audio + "-c:a pcm_s16be", "aiff", fill(FillAiffRecord), LibavProbe, "libavformat probe"},
       {"M4A", audio + "-c:a aac -metadata title=T -metadata album=A", "m4a", fill(FillMp4Record), LibavMov,
        "libavformat MOV open"},
-      {"OGG", audio + "-c:a libvorbis -metadata title=T", "ogg",
-       [&](const char* p) { return FillMediaRecord(p, 0, &scratch); }, LibavProbe, "libavformat probe"},
-      {"WAV", audio + "-c:a pcm_s16le", "wav", [&](const char* p) { return FillMediaRecord(p, 0, &scratch); },
-       LibavProbe, "libavformat probe"},
+      {"OGG", audio + "-c:a libvorbis -metadata title=T", "ogg", generic(0), LibavProbe, "libavformat probe"},
+      {"WAV", audio + "-c:a pcm_s16le", "wav", generic(0), LibavProbe, "libavformat probe"},
+      {"WMA", audio + "-c:a wmav2 -b:a 128k -metadata title=T", "wma", generic(0), LibavProbe, "libavformat probe"},
+      {"MP2", audio + "-c:a mp2 -b:a 192k", "mp2", generic(0), LibavProbe, "libavformat probe"},
+      {"AC-3", audio + "-c:a ac3 -b:a 192k", "ac3", generic(0), LibavProbe, "libavformat probe"},
       {"MPEG video (VCD .dat)", video + audio + "-target ntsc-vcd -f vcd", "dat", fill(FillVcdRecord), LibavProbe,
        "libavformat probe"},
-      {"generic video (AVI)", video + audio + "-c:v mpeg4 -c:a mp2 -f avi", "avi",
-       [&](const char* p) { return FillMediaRecord(p, 1, &scratch); }, LibavProbe, "libavformat probe"},
+      {"MPEG-PS (.mpg)", video + audio + "-c:v mpeg1video -c:a mp2 -f mpeg", "mpg", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"DVD (.vob)", video + audio + "-c:v mpeg2video -c:a ac3 -f vob", "vob", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"generic video (AVI)", video + audio + "-c:v mpeg4 -c:a mp2 -f avi", "avi", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"MP4 (H.264, AAC)", video + audio + "-c:v libx264 -preset veryfast -pix_fmt yuv420p -c:a aac", "mp4",
+       generic(1), LibavProbe, "libavformat probe"},
+      {"MOV (MPEG-4, AAC)", video + audio + "-c:v mpeg4 -c:a aac -f mov", "mov", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"WMV", video + audio + "-c:v wmv2 -c:a wmav2 -f asf", "wmv", generic(1), LibavProbe, "libavformat probe"},
+      {"FLV", video + audio + "-c:v flv1 -c:a libmp3lame -f flv", "flv", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"RealMedia", video + audio + "-c:v rv10 -c:a ac3 -f rm", "rm", generic(1), LibavProbe, "libavformat probe"},
   };
 
-  printf("%d copies per format, warm cache, files/s (higher is better)\n\n", copies);
-  printf("| format | ours | floor | library alone | library |\n|---|---:|---:|---:|---|\n");
+  printf("%d copies per format, warm cache, files/s (higher is better); KiB/file: what one pass reads\n\n", copies);
+  printf("| format | ours | floor | library alone | library | KiB/file ours | floor | library |\n"
+         "|---|---:|---:|---:|---|---:|---:|---:|\n");
+  std::vector<std::string> cold_rows;
   for (const Format& f : formats) {
+    if (!only.empty() && only != f.ext) continue;
     std::string first = dir + "/0." + f.ext;
-    if (!Ffmpeg(f.make, first)) {
+    if (!fs::exists(first) && !Ffmpeg(f.make, first)) {
       fprintf(stderr, "ffmpeg could not make %s\n", first.c_str());
       continue;
     }
     std::vector<std::string> files = {first};
     for (int i = 1; i < copies; ++i) {
       std::string p = dir + "/" + std::to_string(i) + "." + f.ext;
-      fs::copy_file(first, p, fs::copy_options::overwrite_existing);
+      if (!fs::exists(p)) fs::copy_file(first, p);
       files.push_back(p);
     }
+    std::vector<std::function<int(const char*)>> columns = {f.ours, Floor, f.library};
     double best[3] = {0, 0, 0};
-    Measure(files, {f.ours, Floor, f.library}, best);
-    printf("| %s | %.0f | %.0f | %.0f | %s |\n", f.name, best[0], best[1], best[2], f.library_name);
+    Measure(files, columns, best);
+    double bytes[3];
+    for (int i = 0; i < 3; ++i) bytes[i] = BytesPerFile(files, columns[i]);
+    printf("| %s | %.0f | %.0f | %.0f | %s | %s | %s | %s |\n", f.name, best[0], best[1], best[2], f.library_name,
+           Kib(bytes[0]).c_str(), Kib(bytes[1]).c_str(), Kib(bytes[2]).c_str());
     fflush(stdout);
+    if (cold) {
+      std::string row = std::string("| ") + f.name;
+      for (int i = 0; i < 3; ++i) {
+        double rate = 0, disk = 0;
+        if (!ColdPass(files, columns[i], &rate, &disk)) break;
+        row += " | " + std::to_string(static_cast<long>(rate)) + " | " + Kib(disk);
+      }
+      cold_rows.push_back(row + " |");
+    }
+  }
+  if (cold) {
+    printf("\nCold: one pass per column after `sync; echo 3 > /proc/sys/vm/drop_caches` (only meaningful on an "
+           "otherwise idle machine); files/s and KiB read from the disk per file\n\n");
+    printf("| format | ours | KiB | floor | KiB | library alone | KiB |\n|---|---:|---:|---:|---:|---:|---:|\n");
+    for (const auto& row : cold_rows) printf("%s\n", row.c_str());
   }
   if (own_dir) fs::remove_all(dir);
   return 0;

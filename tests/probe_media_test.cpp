@@ -3,6 +3,7 @@
 
 #include "formats_testutil.h"
 #include "meta/metamedia.h"
+#include "meta/h264_sps.h"
 #include "meta/metavideo.h"
 #include "platform/orvodb.h"
 
@@ -242,6 +243,52 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
               ReadMediaInfo(f.c_str(), &plain, ProbeMode::kLibraryDefaults)) << f;
     EXPECT_EQ(memcmp(&tuned, &plain, sizeof tuned), 0) << f << "\n" << Stored(tuned) << "\n" << Stored(plain);
   }
+}
+
+// The sequence parameter set of the first stream of an MP4, as the container carries it.
+H264PictureSize SequenceSize(const std::string& mp4) {
+  H264PictureSize size{};
+  const AvLibrary* av = LoadAv();
+  AVFormatContext* raw = nullptr;
+  if (av == nullptr || av->openInput(&raw, mp4.c_str(), nullptr, nullptr) < 0) return size;
+  AvInput ctx(raw);
+  const AVCodecParameters* par = ctx->streams[0]->codecpar;
+  EXPECT_TRUE(ReadH264PictureSize(par->extradata, par->extradata_size, &size)) << mp4;
+  return size;
+}
+
+// The picture size the probe relies on to leave the H.264 decoder out: coded size and cropping as the decoder
+// reads them in each chroma format, bit depth and field layout, and the container's size kept only where the
+// decoder keeps it.
+TEST(H264PictureSize, CodedSizeCroppingAndTheContainersSize) {
+  REQUIRE_FFMPEG();
+  TempDir dir;
+  std::vector<std::string> files;
+  ASSERT_TRUE(FfmpegMany(dir, "h", "-f lavfi -i testsrc=d=0.2:s=100x58:r=25", {
+      {"420.mp4", "-c:v libx264 -preset ultrafast -pix_fmt yuv420p"},
+      {"444.mp4", "-c:v libx264 -preset ultrafast -pix_fmt yuv444p"},
+      {"10bit.mp4", "-c:v libx264 -preset ultrafast -pix_fmt yuv420p10le"},
+      {"fields.mp4", "-vf scale=100:60 -c:v libx264 -preset ultrafast -pix_fmt yuv420p -flags +ildct+ilme"}},
+                         &files));
+  auto text = [](const H264PictureSize& s) {
+    return std::to_string(s.coded_width) + "x" + std::to_string(s.coded_height) + " -" + std::to_string(s.crop_left) +
+           "-" + std::to_string(s.crop_right) + " -" + std::to_string(s.crop_top) + "-" + std::to_string(s.crop_bottom);
+  };
+  EXPECT_EQ(text(SequenceSize(files[0])), "112x64 -0-12 -0-6");
+  EXPECT_EQ(text(SequenceSize(files[1])), "112x64 -0-12 -0-6");  // 4:4:4 crops in single pixels
+  EXPECT_EQ(text(SequenceSize(files[2])), "112x64 -0-12 -0-6");
+  EXPECT_EQ(text(SequenceSize(files[3])), "112x64 -0-12 -0-4");  // field pairs: rows counted per frame
+  H264PictureSize sps = SequenceSize(files[0]);
+  int width = 0, height = 0;
+  for (auto [container, expected] : {std::pair{98, 98}, {100, 100}, {96, 100}, {104, 100}, {0, 100}}) {
+    H264DecodedSize(sps, container, 58, &width, &height);
+    EXPECT_EQ(width * 1000 + height, expected * 1000 + 58) << container;
+  }
+  sps.crop_left = 2, sps.crop_right = 10;  // cropped at the left: the container's size is not taken
+  H264DecodedSize(sps, 98, 58, &width, &height);
+  EXPECT_EQ(width, 100);
+  const uint8_t two_sets[] = {1, 0x42, 0, 0x1e, 0xff, 0xe2, 0, 1, 0x67, 0, 1, 0x67};
+  EXPECT_FALSE(ReadH264PictureSize(two_sets, sizeof two_sets, &sps)) << "which set the slices use is not known";
 }
 
 using Fill = int (*)(const char*, MediaInfo*);

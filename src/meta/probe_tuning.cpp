@@ -84,6 +84,32 @@ bool HasDuration(const AVFormatContext* ctx) {
   return false;
 }
 
+// Counts the DTS sync words (core, 14-bit and byte-swapped forms, extension
+// substream) and the TrueHD one at any offset of `data`. Each holds 0x7F,
+// 0x1F, 0x64 or 0xF8 as its first or second byte, so only those bytes are
+// looked at: a quarter of the cost of testing every offset.
+void CountSyncWords(const uint8_t* data, size_t size, int* dts, int* truehd) {
+  auto sync_at = [&](size_t at) {
+    if (at + 4 > size) return;
+    uint32_t word = Be32(data + at);
+    if (word == 0x7FFE8001 || word == 0xFE7F0180 || word == 0x1FFFE800 || word == 0xFF1F00E8 || word == 0x64582025)
+      ++*dts;
+    if (word == 0xF8726FBA) ++*truehd;
+  };
+  for (uint8_t byte : {0x7F, 0x1F, 0x64, 0xF8}) {
+    const uint8_t* end = data + size;
+    // Bounded: every hit moves past the byte found.
+    for (const uint8_t* at = data; at < end;) {
+      const uint8_t* hit = static_cast<const uint8_t*>(memchr(at, byte, end - at));
+      if (hit == nullptr) break;
+      size_t offset = hit - data;
+      sync_at(offset);                                               // as the first byte
+      if ((byte == 0x7F || byte == 0x1F) && offset > 0) sync_at(offset - 1);  // as the second
+      at = hit + 1;
+    }
+  }
+}
+
 bool Pcm(AVCodecID id) { return id >= AV_CODEC_ID_FIRST_AUDIO && id < AV_CODEC_ID_ADPCM_IMA_QT; }
 
 // The analysis reads a 16-bit PCM stream of a WAV file as possible
@@ -115,12 +141,7 @@ bool PcmStaysPcm(const TuningLibrary& lib, AVFormatContext* ctx, const AVStream*
   while (first < n && p[first] == 0) ++first;  // MPEG audio: from the first byte that is not 0
   if (first + 4 <= n && (Be32(p + first) & 0xFFE00000) == 0xFFE00000) return false;
   int dts = 0, truehd = 0;
-  for (size_t i = 0; i + 4 <= n; ++i) {
-    uint32_t word = Be32(p + i);
-    if (word == 0x7FFE8001 || word == 0xFE7F0180 || word == 0x1FFFE800 || word == 0xFF1F00E8 || word == 0x64582025)
-      ++dts;
-    if (word == 0xF8726FBA) ++truehd;
-  }
+  CountSyncWords(p, n, &dts, &truehd);
   return dts < 4 && truehd == 0;
 }
 
@@ -208,7 +229,7 @@ void CompleteTimings(const TuningLibrary& lib, AVFormatContext* ctx) {
 // track and decodes the first audio frame, as before. Every other track must
 // be one whose values do not depend on how many packets are read: the
 // analysis may stop at another packet once the video decoder is not there.
-bool H264DecodingChangesNothing(const AVFormatContext* ctx) {
+bool H264DecoderRedundant(const AVFormatContext* ctx) {
   if (!Named(ctx, "mov,mp4,m4a,3gp,3g2,mj2") || ctx->duration == AV_NOPTS_VALUE) return false;
   bool any = false;
   for (unsigned i = 0; i < ctx->nb_streams; ++i) {
@@ -256,7 +277,7 @@ int AnalyseStreams(AVFormatContext* ctx, ProbeMode mode) {
       CompleteTimings(*lib, ctx);
       return 0;
     }
-    if (H264DecodingChangesNothing(ctx)) lib->optSet(ctx, "codec_whitelist", DecodersButH264(*lib).c_str(), 0);
+    if (H264DecoderRedundant(ctx)) lib->optSet(ctx, "codec_whitelist", DecodersButH264(*lib).c_str(), 0);
   }
   return av->findStreamInfo(ctx, nullptr);
 }
