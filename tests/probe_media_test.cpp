@@ -193,6 +193,7 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
       {"h264.mp4", "-map 0 -map 1 -c:v libx264 -preset veryfast -pix_fmt yuv420p -c:a aac -metadata title=Clip"},
       {"baseline.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-profile:v baseline -c:a aac -ac 1 -b:a 48k"},
       {"h264-ac3.mov", "-map 0 -map 1 " + x264 + yuv420 + "-c:a ac3"},
+      {"h264-eac3.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a eac3 -ac 6"},
       {"h264-alac.mov", "-map 0 -map 1 " + x264 + yuv420 + "-c:a alac"},
       {"h264-pcm.mov", "-map 0 -map 1 " + x264 + yuv420 + "-c:a pcm_s16le"},
       {"h264-mp3.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a libmp3lame"},

@@ -223,6 +223,16 @@ void CompleteTimings(const TuningLibrary& lib, AVFormatContext* ctx) {
   UpdateTimings(lib, ctx);
 }
 
+// Audio whose stored values are settled by its first packet, however many
+// more the analysis reads: AAC, ALAC and PCM have no parser in MP4; the
+// E-AC-3 parser leaves the bit rate alone; the AC-3 parser averages the
+// frames' bit rates, and AC-3 keeps one bit rate code through a stream (at
+// 44.1 kHz only the padding bit beside it alternates). The MPEG audio parser
+// averages frames that may differ.
+bool AmountReadIrrelevant(AVCodecID id) {
+  return id == AV_CODEC_ID_AAC || id == AV_CODEC_ID_ALAC || id == AV_CODEC_ID_AC3 || id == AV_CODEC_ID_EAC3 || Pcm(id);
+}
+
 // An MP4/QuickTime file's duration comes from its movie header and its bit
 // rate from that and the file size; the H.264 decoder only confirms the
 // picture size the track gives, which the sequence parameter set tells as
@@ -243,9 +253,8 @@ bool H264DecoderRedundant(const AVFormatContext* ctx) {
       H264DecodedSize(sps, par->width, par->height, &width, &height);
       if (width != par->width || height != par->height) return false;
       any = true;
-    } else if (par->codec_type == AVMEDIA_TYPE_AUDIO && par->codec_id != AV_CODEC_ID_AAC &&
-               par->codec_id != AV_CODEC_ID_ALAC && !Pcm(par->codec_id)) {
-      return false;  // a parser averages its bit rate over the packets read
+    } else if (par->codec_type == AVMEDIA_TYPE_AUDIO && !AmountReadIrrelevant(par->codec_id)) {
+      return false;
     }
   }
   return any;
