@@ -113,6 +113,20 @@ void CountSyncWords(const uint8_t* data, size_t size, int* dts, int* truehd) {
 
 bool Pcm(AVCodecID id) { return id >= AV_CODEC_ID_FIRST_AUDIO && id < AV_CODEC_ID_ADPCM_IMA_QT; }
 
+// The plain sample formats a WAV (or RIFX) header maps to; the PCM forms
+// with a bitstream of their own (DVD, Blu-ray, SMPTE 302M) are not among them.
+bool WavSamples(AVCodecID id) {
+  switch (id) {
+    case AV_CODEC_ID_PCM_U8: case AV_CODEC_ID_PCM_S16LE: case AV_CODEC_ID_PCM_S24LE: case AV_CODEC_ID_PCM_S32LE:
+    case AV_CODEC_ID_PCM_S64LE: case AV_CODEC_ID_PCM_F32LE: case AV_CODEC_ID_PCM_F64LE: case AV_CODEC_ID_PCM_ALAW:
+    case AV_CODEC_ID_PCM_MULAW: case AV_CODEC_ID_PCM_S16BE: case AV_CODEC_ID_PCM_S24BE: case AV_CODEC_ID_PCM_S32BE:
+    case AV_CODEC_ID_PCM_F32BE: case AV_CODEC_ID_PCM_F64BE:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // The analysis reads a 16-bit PCM stream of a WAV file as possible
 // compressed audio first: up to 32 packets of 4096 bytes (or one block) are
 // run through the probes of the raw audio formats, and a match scoring above
@@ -158,7 +172,7 @@ bool HeaderSettlesEverything(const TuningLibrary& lib, AVFormatContext* ctx) {
     // 16-bit, 8-bit and G.711 rates are worked out from the format; for the
     // rest a missing header rate would be filled in when the decoder opens.
     bool computed = id >= AV_CODEC_ID_PCM_S16LE && id <= AV_CODEC_ID_PCM_ALAW;
-    if (!Pcm(id) || (!computed && st->codecpar->bit_rate <= 0)) return false;
+    if (!WavSamples(id) || (!computed && st->codecpar->bit_rate <= 0)) return false;
     return id != AV_CODEC_ID_PCM_S16LE || PcmStaysPcm(lib, ctx, st);
   }
   if (Named(ctx, "ogg")) return id == AV_CODEC_ID_VORBIS || id == AV_CODEC_ID_OPUS;
