@@ -1,27 +1,31 @@
 // Extraction rate per format, in one process: our reader (the handler's
 // record fill, without the database), the floor (open, stat, read the first
-// 16 KiB, close) and the library alone on the same files. Then, for the
-// formats read by the generic probe, what the probe helper's round trip adds:
-// the median time per file of the probe run here and run through the helper.
+// 16 KiB, close) and the library alone on the same files, with the bytes
+// each of them asks the kernel for per file.
 //
-//   formats_bench [copies-per-format] [scratch-folder]
+//   formats_bench [copies-per-format] [scratch-folder] [--cold] [--only NAME]
 //
 // The files are made with ffmpeg into the scratch folder (default: a new
-// folder under /tmp, removed afterwards) and copied; every pass reads them
-// warm from the page cache, so the figures compare CPU work, not the disk.
+// folder under /tmp, removed afterwards); files already in a given folder
+// are used as they are, so two builds can be timed on the same files. Every
+// timed pass reads them warm from the page cache and is timed in CPU
+// seconds (user and system) of this process, so the rates compare CPU work,
+// not the disk, and hold up better on a busy machine than elapsed time. --cold (root only, and only meaningful on an otherwise
+// idle machine) adds one pass per column after dropping the page cache and
+// reports its rate and the bytes read from the disk.
 #include <fcntl.h>
 #include <stdlib.h>
-#include <time.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <FLAC/metadata.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -83,16 +87,49 @@ int LibFlac(const char* path) {
   return 0;
 }
 
+// A counter of this process's /proc/self/io: "rchar" is every byte read()
+// returned, page cache or not; "read_bytes" what had to come from the disk.
+long long ProcIo(const char* key) {
+  std::ifstream io("/proc/self/io");
+  std::string name;
+  long long value = 0;
+  while (io >> name >> value)
+    if (name == std::string(key) + ":") return value;
+  return -1;
+}
+
+double Seconds(clockid_t clock) {
+  timespec t;
+  clock_gettime(clock, &t);
+  return t.tv_sec + t.tv_nsec / 1e9;
+}
+
+// CPU seconds of this process plus the probe helper's, which does the
+// generic probe's work for ReadMediaInfo.
+double CpuSeconds() {
+  double total = Seconds(CLOCK_PROCESS_CPUTIME_ID);
+  clockid_t helper;
+  pid_t pid = ProbeHelperPid();
+  if (pid > 0 && clock_getcpuclockid(pid, &helper) == 0) total += Seconds(helper);
+  return total;
+}
+
+// One pass over the files: the CPU seconds it took (user and system, the
+// probe helper's included), or with `wall` the elapsed seconds.
+double Pass(const std::vector<std::string>& files, const std::function<int(const char*)>& fn, bool wall = false) {
+  double start = wall ? Seconds(CLOCK_MONOTONIC) : CpuSeconds();
+  for (const auto& f : files) fn(f.c_str());
+  return (wall ? Seconds(CLOCK_MONOTONIC) : CpuSeconds()) - start;
+}
+
 double Rate(const std::vector<std::string>& files, const std::function<int(const char*)>& fn) {
-  for (const auto& f : files) fn(f.c_str());  // warm-up pass
-  auto start = std::chrono::steady_clock::now();
+  Pass(files, fn);  // warm-up pass
   int passes = 0;
   double elapsed = 0;
   do {
-    for (const auto& f : files) fn(f.c_str());
+    elapsed += Pass(files, fn);
     ++passes;
-    elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  } while (elapsed < 0.5);
+  } while (elapsed < 0.3);
   return passes * files.size() / elapsed;
 }
 
@@ -105,71 +142,28 @@ void Measure(const std::vector<std::string>& files, const std::vector<std::funct
   }
 }
 
-double NowUs() {
-  timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return t.tv_sec * 1e6 + t.tv_nsec / 1e3;
+// Bytes per file that one warm pass asks the kernel for.
+double BytesPerFile(const std::vector<std::string>& files, const std::function<int(const char*)>& fn) {
+  long long before = ProcIo("rchar");
+  Pass(files, fn);
+  return static_cast<double>(ProcIo("rchar") - before) / files.size();
 }
 
-// The probe in this process, opened as ReadMediaInfo opens it.
-int ProbeHere(const char* path, MediaInfo* info) {
-  int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  struct stat st;
-  if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
-  int rc = ProbeDescriptor(fd, path, info, ProbeMode::kTuned);
-  close(fd);
-  return rc;
+bool DropCaches() {
+  sync();
+  std::ofstream drop("/proc/sys/vm/drop_caches");
+  drop << "3" << std::endl;
+  return static_cast<bool>(drop);
 }
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
-}
-
-// CPU time so far of this process plus the probe helper, in microseconds.
-double CpuUs() {
-  auto us = [](clockid_t clock) {
-    timespec t{};
-    clock_gettime(clock, &t);
-    return t.tv_sec * 1e6 + t.tv_nsec / 1e3;
-  };
-  clockid_t helper;
-  pid_t pid = ProbeHelperPid();
-  double total = us(CLOCK_PROCESS_CPUTIME_ID);
-  if (pid > 0 && clock_getcpuclockid(pid, &helper) == 0) total += us(helper);
-  return total;
-}
-
-struct ProbeCost {
-  double wall_here, wall_helper;  // median us per file
-  double cpu_here, cpu_helper;    // median us per file, this process and the helper together
-};
-
-// The probe here and through the helper, taken in turns file by file (the
-// order swapped every round) so that a busy machine weighs on both alike.
-// Wall time on a busy machine also holds the helper's wait for a processor
-// once it is woken; CPU time is what the round trip itself costs.
-ProbeCost ProbeCosts(const std::vector<std::string>& files, int rounds) {
-  MediaInfo info;
-  std::vector<double> wall[2], cpu[2];
-  for (int round = 0; round < rounds; ++round) {
-    for (const auto& f : files) {
-      for (int turn = 0; turn < 2; ++turn) {
-        int inHelper = (turn + round) % 2;
-        memset(&info, 0, sizeof info);
-        double cpuStart = CpuUs();
-        double start = NowUs();
-        if (inHelper) {
-          ReadMediaInfo(f.c_str(), &info);
-        } else {
-          ProbeHere(f.c_str(), &info);
-        }
-        wall[inHelper].push_back(NowUs() - start);
-        cpu[inHelper].push_back(CpuUs() - cpuStart);
-      }
-    }
-  }
-  return {Median(wall[0]), Median(wall[1]), Median(cpu[0]), Median(cpu[1])};
+// One pass after the page cache was dropped: files/s and disk bytes per file.
+bool ColdPass(const std::vector<std::string>& files, const std::function<int(const char*)>& fn, double* rate,
+              double* bytes) {
+  if (!DropCaches()) return false;
+  long long before = ProcIo("read_bytes");
+  *rate = files.size() / Pass(files, fn, true);
+  *bytes = static_cast<double>(ProcIo("read_bytes") - before) / files.size();
+  return true;
 }
 
 struct Format {
@@ -179,28 +173,43 @@ struct Format {
   std::function<int(const char*)> ours;
   std::function<int(const char*)> library;
   const char* library_name;
-  bool generic = false;  // read by the generic probe
 };
+
+std::string Kib(double bytes) {
+  char text[32];
+  snprintf(text, sizeof text, "%.1f", bytes / 1024);
+  return text;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int copies = argc > 1 ? atoi(argv[1]) : 100;
-  bool own_dir = argc <= 2;
-  std::string dir = own_dir ? "" : argv[2];
+  int copies = 100;
+  std::string dir, only;
+  bool cold = false;
+  std::vector<std::string> positional;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--cold") {
+      cold = true;
+    } else if (arg == "--only" && i + 1 < argc) {
+      only = argv[++i];
+    } else {
+      positional.push_back(arg);
+    }
+  }
+  if (!positional.empty()) copies = std::max(1, atoi(positional[0].c_str()));
+  if (positional.size() > 1) dir = positional[1];
+  bool own_dir = dir.empty();
   if (own_dir) {
     char tmpl[] = "/tmp/orvo-formats-bench-XXXXXX";
     dir = mkdtemp(tmpl);
   }
+  if (cold && geteuid() != 0) {
+    fprintf(stderr, "--cold needs root to drop the page cache; left out\n");
+    cold = false;
+  }
   orvo::SetLogCapture(Discard, nullptr);
-  // The helper's start (fork, libavformat loaded, confinement) and its first
-  // reply, before this process has loaded the library itself.
-  std::string empty = dir + "/empty.wav";
-  fclose(fopen(empty.c_str(), "w"));
-  MediaInfo first;
-  double startUs = NowUs();
-  ReadMediaInfo(empty.c_str(), &first);
-  double helperStartUs = NowUs() - startUs;
   LoadAv();
 
   const std::string audio = "-f lavfi -i sine=sample_rate=44100:duration=30 -ac 2 ";
@@ -209,57 +218,78 @@ int main(int argc, char** argv) {
   auto fill = [&](int (*f)(const char*, MediaInfo*)) {
     return [f, &scratch](const char* p) { return f(p, &scratch); };
   };
+  auto generic = [&](int type) { return [type, &scratch](const char* p) { return FillMediaRecord(p, type, &scratch); }; };
   std::vector<Format> formats = {
       {"FLAC", audio + "-c:a flac -metadata TITLE=T -metadata ARTIST=A", "flac", fill(FillFlacRecord), LibFlac,
        "libFLAC metadata"},
       {"AIFF", audio + "-c:a pcm_s16be", "aiff", fill(FillAiffRecord), LibavProbe, "libavformat probe"},
       {"M4A", audio + "-c:a aac -metadata title=T -metadata album=A", "m4a", fill(FillMp4Record), LibavMov,
        "libavformat MOV open"},
-      {"OGG", audio + "-c:a libvorbis -metadata title=T", "ogg",
-       [&](const char* p) { return FillMediaRecord(p, 0, &scratch); }, LibavProbe, "libavformat probe", true},
-      {"WAV", audio + "-c:a pcm_s16le", "wav", [&](const char* p) { return FillMediaRecord(p, 0, &scratch); },
-       LibavProbe, "libavformat probe", true},
+      {"OGG", audio + "-c:a libvorbis -metadata title=T", "ogg", generic(0), LibavProbe, "libavformat probe"},
+      {"WAV", audio + "-c:a pcm_s16le", "wav", generic(0), LibavProbe, "libavformat probe"},
+      {"WMA", audio + "-c:a wmav2 -b:a 128k -metadata title=T", "wma", generic(0), LibavProbe, "libavformat probe"},
+      {"MP2", audio + "-c:a mp2 -b:a 192k", "mp2", generic(0), LibavProbe, "libavformat probe"},
+      {"AC-3", audio + "-c:a ac3 -b:a 192k", "ac3", generic(0), LibavProbe, "libavformat probe"},
       {"MPEG video (VCD .dat)", video + audio + "-target ntsc-vcd -f vcd", "dat", fill(FillVcdRecord), LibavProbe,
        "libavformat probe"},
-      {"generic video (AVI)", video + audio + "-c:v mpeg4 -c:a mp2 -f avi", "avi",
-       [&](const char* p) { return FillMediaRecord(p, 1, &scratch); }, LibavProbe, "libavformat probe", true},
+      {"MPEG-PS (.mpg)", video + audio + "-c:v mpeg1video -c:a mp2 -f mpeg", "mpg", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"DVD (.vob)", video + audio + "-c:v mpeg2video -c:a ac3 -f vob", "vob", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"generic video (AVI)", video + audio + "-c:v mpeg4 -c:a mp2 -f avi", "avi", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"MP4 (H.264, AAC)", video + audio + "-c:v libx264 -preset veryfast -pix_fmt yuv420p -c:a aac", "mp4",
+       generic(1), LibavProbe, "libavformat probe"},
+      {"MOV (MPEG-4, AAC)", video + audio + "-c:v mpeg4 -c:a aac -f mov", "mov", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"WMV", video + audio + "-c:v wmv2 -c:a wmav2 -f asf", "wmv", generic(1), LibavProbe, "libavformat probe"},
+      {"FLV", video + audio + "-c:v flv1 -c:a libmp3lame -f flv", "flv", generic(1), LibavProbe,
+       "libavformat probe"},
+      {"RealMedia", video + audio + "-c:v rv10 -c:a ac3 -f rm", "rm", generic(1), LibavProbe, "libavformat probe"},
   };
 
-  constexpr int kRounds = 3;
-  std::vector<std::pair<std::string, std::vector<std::string>>> generic;
-  printf("%d copies per format, warm cache, files/s (higher is better)\n\n", copies);
-  printf("| format | ours | floor | library alone | library |\n|---|---:|---:|---:|---|\n");
+  printf("%d copies per format, warm cache, files per CPU second (higher is better); KiB/file: what one pass "
+         "reads\n\n", copies);
+  printf("| format | ours | floor | library alone | library | KiB/file ours | floor | library |\n"
+         "|---|---:|---:|---:|---|---:|---:|---:|\n");
+  std::vector<std::string> cold_rows;
   for (const Format& f : formats) {
+    if (!only.empty() && only != f.ext) continue;
     std::string first = dir + "/0." + f.ext;
-    if (!Ffmpeg(f.make, first)) {
+    if (!fs::exists(first) && !Ffmpeg(f.make, first)) {
       fprintf(stderr, "ffmpeg could not make %s\n", first.c_str());
       continue;
     }
     std::vector<std::string> files = {first};
     for (int i = 1; i < copies; ++i) {
       std::string p = dir + "/" + std::to_string(i) + "." + f.ext;
-      fs::copy_file(first, p, fs::copy_options::overwrite_existing);
+      if (!fs::exists(p)) fs::copy_file(first, p);
       files.push_back(p);
     }
+    std::vector<std::function<int(const char*)>> columns = {f.ours, Floor, f.library};
     double best[3] = {0, 0, 0};
-    Measure(files, {f.ours, Floor, f.library}, best);
-    printf("| %s | %.0f | %.0f | %.0f | %s |\n", f.name, best[0], best[1], best[2], f.library_name);
+    Measure(files, columns, best);
+    double bytes[3];
+    for (int i = 0; i < 3; ++i) bytes[i] = BytesPerFile(files, columns[i]);
+    printf("| %s | %.0f | %.0f | %.0f | %s | %s | %s | %s |\n", f.name, best[0], best[1], best[2], f.library_name,
+           Kib(bytes[0]).c_str(), Kib(bytes[1]).c_str(), Kib(bytes[2]).c_str());
     fflush(stdout);
-    if (f.generic) generic.emplace_back(f.name, files);
+    if (cold) {
+      std::string row = std::string("| ") + f.name;
+      for (int i = 0; i < 3; ++i) {
+        double rate = 0, disk = 0;
+        if (!ColdPass(files, columns[i], &rate, &disk)) break;
+        row += " | " + std::to_string(static_cast<long>(rate)) + " | " + Kib(disk);
+      }
+      cold_rows.push_back(row + " |");
+    }
   }
-
-  printf("\nThe generic probe here and through the probe helper, median us per file (%d rounds)\n\n", kRounds);
-  printf("| input | wall: here | wall: helper | wall: difference | CPU: here | CPU: helper | CPU: difference | "
-         "CPU difference / probe |\n|---|---:|---:|---:|---:|---:|---:|---:|\n");
-  generic.emplace_back("empty file (the round trip alone)", std::vector<std::string>(copies, empty));
-  for (const auto& [name, files] : generic) {
-    ProbeCost c = ProbeCosts(files, kRounds);
-    printf("| %s | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f %% |\n", name.c_str(), c.wall_here, c.wall_helper,
-           c.wall_helper - c.wall_here, c.cpu_here, c.cpu_helper, c.cpu_helper - c.cpu_here,
-           100 * (c.cpu_helper - c.cpu_here) / c.cpu_here);
-    fflush(stdout);
+  if (cold) {
+    printf("\nCold: one pass per column after `sync; echo 3 > /proc/sys/vm/drop_caches` (only meaningful on an "
+           "otherwise idle machine); files/s and KiB read from the disk per file\n\n");
+    printf("| format | ours | KiB | floor | KiB | library alone | KiB |\n|---|---:|---:|---:|---:|---:|---:|\n");
+    for (const auto& row : cold_rows) printf("%s\n", row.c_str());
   }
-  printf("\nhelper start and first reply: %.0f us (once per daemon)\n", helperStartUs);
   if (own_dir) fs::remove_all(dir);
   return 0;
 }

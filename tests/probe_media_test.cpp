@@ -4,6 +4,7 @@
 #include "formats_testutil.h"
 #include "mp3_test_bytes.h"
 #include "meta/metamedia.h"
+#include "meta/h264_sps.h"
 #include "meta/metavideo.h"
 #include "platform/orvodb.h"
 
@@ -136,25 +137,157 @@ TEST(GenericHandlers, UnreadableFileIsSavedWithDefaultsAndNotRemovedWhileThere) 
   EXPECT_EQ(log.Count("File exists. Skip remove it from database."), 2);
 }
 
-// The tuned probe reads less of PCM files; nothing stored changes, even for WAVs holding AC-3 or MPEG.
+// One ffmpeg run over `inputs` writing every output of `outputs` (file name, its options) into `folder`.
+struct Output {
+  std::string name, options;
+};
+bool FfmpegMany(const TempDir& dir, const std::string& folder, const std::string& inputs,
+                const std::vector<Output>& outputs, std::vector<std::string>* files) {
+  std::string args = inputs;
+  for (const auto& o : outputs) {
+    files->push_back(dir.File(folder + "/" + o.name));
+    args += " " + o.options + " '" + files->back() + "'";
+  }
+  return Ffmpeg(args);
+}
+
+// `raw` behind a WAV header that calls it 16-bit stereo PCM at 48 kHz.
+std::string AsPcmWav(const std::string& raw) {
+  auto le = [](uint32_t v, int bytes) {
+    std::string out;
+    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(v >> (8 * i)));
+    return out;
+  };
+  std::string fmt = le(1, 2) + le(2, 2) + le(48000, 4) + le(192000, 4) + le(4, 2) + le(16, 2);
+  uint32_t size = static_cast<uint32_t>(raw.size());
+  return "RIFF" + le(size + 36, 4) + "WAVEfmt " + le(16, 4) + fmt + "data" + le(size, 4) + raw;
+}
+
+// A Vorbis comment holding a 1x1 PNG as cover picture (base64 of a FLAC picture block).
+std::string CoverComment() {
+  const std::string png(
+      "\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\0\x01\0\0\0\x01\x08\x02\0\0\0\x90\x77\x53\xde\0\0\0\x0cIDAT\x78\x9c\x63\xf8"
+      "\xcf\xc0\0\0\x03\x01\x01\0\xc9\xfe\x92\xef\0\0\0\0IEND\xae\x42\x60\x82", 69);
+  std::string block = Be(3, 4) + Be(9, 4) + "image/png" + Be(0, 4) + Be(1, 4) + Be(1, 4) + Be(24, 4) + Be(0, 4) +
+                      Be(png.size(), 4) + png;
+  static const char* digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string b64;
+  for (size_t i = 0; i < block.size(); i += 3) {
+    uint32_t n = uint32_t(uint8_t(block[i])) << 16;
+    if (i + 1 < block.size()) n |= uint32_t(uint8_t(block[i + 1])) << 8;
+    if (i + 2 < block.size()) n |= uint8_t(block[i + 2]);
+    for (size_t k = 0; k < 4; ++k) b64 += i + k <= block.size() ? digits[(n >> (18 - 6 * k)) & 63] : '=';
+  }
+  return "METADATA_BLOCK_PICTURE=" + b64;
+}
+
+// A copy of an MP4 whose H.264 sample entry claims another picture width.
+std::string WithSampleEntryWidth(const TempDir& dir, const std::string& mp4, int width) {
+  std::string bytes = ReadBytes(mp4);
+  size_t at = bytes.find("avc1", bytes.find("stsd"));
+  if (at == std::string::npos || at + 30 > bytes.size()) return "";
+  bytes[at + 28] = static_cast<char>(width >> 8);
+  bytes[at + 29] = static_cast<char>(width);
+  std::string copy = dir.File("v/width-" + std::to_string(width) + ".mp4");
+  WriteBytes(copy, bytes);
+  return copy;
+}
+
+// Each container and codec of the generic handlers (bench/gen-corpus's and more: several streams,
+// multichannel, VBR, cover pictures, H.264 in every layout the picture size is read from, compressed
+// audio stored as PCM), a few seconds long and a few longer ones.
+void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
+  const std::string audio_in = "-f lavfi -i anoisesrc=d=6:c=pink:a=0.3:r=48000 -f lavfi -i sine=d=6:f=330";
+  ASSERT_TRUE(FfmpegMany(dir, "a", audio_in, {
+      {"s16.wav", "-map 1 -ac 2 -c:a pcm_s16le -metadata title=Song -metadata artist=Band"},
+      {"u8.wav", "-map 0 -ar 8000 -c:a pcm_u8"},
+      {"s24-6ch.wav", "-map 0 -ac 6 -c:a pcm_s24le"},
+      {"f32.wav", "-map 1 -c:a pcm_f32le"},
+      {"alaw.wav", "-map 0 -ar 8000 -c:a pcm_alaw"},
+      {"mulaw.wav", "-map 0 -ar 8000 -c:a pcm_mulaw"},
+      {"adpcm.wav", "-map 0 -c:a adpcm_ms"},
+      {"mp3.wav", "-map 1 -c:a libmp3lame"},
+      {"vbr.ogg", "-map 0 -ac 2 -c:a libvorbis -q:a 1 -metadata album=Record -metadata date=2010"},
+      {"6ch.ogg", "-map 0 -ac 6 -c:a libvorbis"},
+      {"cover.ogg", "-map 1 -ar 22050 -c:a libvorbis -metadata " + CoverComment()},
+      {"opus.ogg", "-map 1 -c:a libopus"},
+      {"opus-6ch.ogg", "-map 0 -ac 6 -c:a libopus -mapping_family 1"},
+      {"flac.ogg", "-map 1 -c:a flac"},
+      {"speex.ogg", "-map 1 -ar 16000 -c:a libspeex"},
+      {"v2.wma", "-map 0 -ac 2 -c:a wmav2 -b:a 128k -metadata title=T -metadata genre=Jazz"},
+      {"v1.wma", "-map 1 -c:a wmav1 -b:a 64k"},
+      {"2ch.ac3", "-map 1 -ac 2 -c:a ac3 -b:a 192k"},
+      {"6ch.ac3", "-map 0 -ac 6 -c:a ac3 -b:a 448k"},
+      {"e.ac3", "-map 1 -c:a eac3 -f eac3"},
+      {"a.mp2", "-map 1 -c:a mp2 -b:a 192k"},
+      {"lsf.mpa", "-map 0 -ar 22050 -c:a mp2 -b:a 64k -f mp2"},
+      {"vbr.mpa", "-map 0 -c:a libmp3lame -q:a 4 -f mp3"},
+      {"a.ra", "-map 1 -ar 8000 -c:a real_144 -f rm"},
+      {"raw-ac3", "-map 0 -ar 48000 -ac 2 -c:a ac3 -f ac3"},
+      {"raw-mp2", "-map 0 -ar 48000 -ac 2 -c:a mp2 -f mp2"},
+      {"raw-dts", "-map 1 -ar 48000 -ac 2 -c:a dca -strict -2 -f dts"},
+      {"raw-truehd", "-map 1 -ar 48000 -ac 2 -c:a truehd -strict -2 -f truehd"},
+      {"raw-spdif", "-map 0 -ar 48000 -ac 2 -c:a ac3 -f spdif"}}, files));
+  // Compressed audio a WAV header calls PCM: the analysis finds out; the tuned probe must too.
+  std::vector<std::string> raw(files->end() - 5, files->end());
+  files->resize(files->size() - 5);
+  for (const auto& r : raw) {
+    files->push_back(r + "-as-pcm.wav");
+    WriteBytes(files->back(), AsPcmWav(ReadBytes(r)));
+  }
+  const std::string video_in = "-f lavfi -i testsrc=d=3:s=320x240:r=25 -f lavfi -i sine=d=3:f=440";
+  const std::string x264 = "-c:v libx264 -preset ultrafast ", yuv420 = "-pix_fmt yuv420p ";
+  ASSERT_TRUE(FfmpegMany(dir, "v", video_in, {
+      {"mpeg4.avi", "-map 0 -map 1 -c:v mpeg4 -c:a libmp3lame -metadata title=Clip"},
+      {"xvid.avi", "-map 0 -map 1 -c:v mpeg4 -vtag XVID -c:a ac3"},
+      {"msmpeg4.avi", "-map 0 -map 1 -c:v msmpeg4v2 -c:a pcm_s16le"},
+      {"h264.avi", "-map 0 -map 1 " + x264 + yuv420 + "-c:a libmp3lame"},
+      {"mjpeg.avi", "-map 0 -map 1 -c:v mjpeg -c:a pcm_u8"},
+      {"mpeg4.mov", "-map 0 -map 1 -c:v mpeg4 -c:a aac"},
+      {"h264.mp4", "-map 0 -map 1 -c:v libx264 -preset veryfast -pix_fmt yuv420p -c:a aac -metadata title=Clip"},
+      {"baseline.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-profile:v baseline -c:a aac -ac 1 -b:a 48k"},
+      {"h264-ac3.mov", "-map 0 -map 1 " + x264 + yuv420 + "-c:a ac3"},
+      {"h264-eac3.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a eac3 -ac 6"},
+      {"h264-alac.mov", "-map 0 -map 1 " + x264 + yuv420 + "-c:a alac"},
+      {"h264-pcm.mov", "-map 0 -map 1 " + x264 + yuv420 + "-c:a pcm_s16le"},
+      {"h264-mp3.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a libmp3lame"},
+      {"h264-only.mp4", "-map 0 " + x264 + yuv420},
+      {"h264-10bit.mp4", "-map 0 " + x264 + "-pix_fmt yuv420p10le"},
+      {"h264-444.mp4", "-map 0 -map 1 " + x264 + "-pix_fmt yuv444p -c:a aac"},
+      {"h264-interlaced.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-flags +ildct+ilme -c:a aac"},
+      {"h264-cropped.mp4", "-map 0 -map 1 -vf scale=100:58 " + x264 + yuv420 + "-c:a aac"},
+      {"h264-fragmented.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a aac -movflags frag_keyframe+empty_moov"},
+      {"h264-two-tracks.mp4", "-map 0 -map 1 -map 1 " + x264 + yuv420 + "-c:a aac"},
+      {"mpeg1.mpg", "-map 0 -map 1 -c:v mpeg1video -c:a mp2 -f mpeg"},
+      {"mpeg2.vob", "-map 0 -map 1 -c:v mpeg2video -c:a ac3 -f vob"},
+      {"flv1.flv", "-map 0 -map 1 -c:v flv1 -c:a libmp3lame -ar 44100"},
+      {"h264.flv", "-map 0 -map 1 " + x264 + yuv420 + "-c:a aac"},
+      {"wmv2.wmv", "-map 0 -map 1 -c:v wmv2 -c:a wmav2"},
+      {"wmv1.asf", "-map 0 -map 1 -c:v wmv1 -c:a wmav1"},
+      {"msmpeg4.asf", "-map 0 -map 1 -c:v msmpeg4 -c:a wmav2"},
+      {"rv10.rm", "-map 0 -map 1 -c:v rv10 -c:a ac3"},
+      {"theora.ogg", "-map 0 -map 1 -c:v libtheora -c:a libvorbis"},
+      {"vcd.mpg", "-map 0 -map 1 -target ntsc-vcd"}}, files));
+  // The sample entry's width against the sequence's 100 (112 coded): kept below it within the
+  // macroblock, replaced by it outside.
+  std::string cropped = dir.File("v/h264-cropped.mp4");
+  for (int width : {98, 96, 104}) files->push_back(WithSampleEntryWidth(dir, cropped, width));
+  ASSERT_TRUE(FfmpegMany(dir, "long", "-f lavfi -i testsrc=d=12:s=640x360:r=25 -f lavfi -i anoisesrc=d=12:r=44100", {
+      {"mpeg2.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2 -f mpeg"},
+      {"h264.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a aac -ac 2"},
+      {"s16.wav", "-map 1 -ac 2 -c:a pcm_s16le"},
+      {"vorbis.ogg", "-map 1 -c:a libvorbis -q:a 3"},
+      {"wmav2.wma", "-map 1 -c:a wmav2"}}, files));
+}
+
+// The tuned probe leaves out only analysis that cannot change a stored value: every field of every
+// corpus file and generated file comes out as the untuned probe has it.
 TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
   std::vector<std::string> files;
-  for (const char* folder : {"misc-audio", "video", "mpeg"})
+  for (const char* folder : {"misc-audio", "video", "mpeg", "mp3", "mp4", "flac", "aiff", "playlists", "pictures"})
     for (const auto& f : CorpusFiles(folder)) files.push_back(f);
   TempDir dir;
-  if (HaveFfmpeg()) {
-    const std::string ten = kSine + "48000:duration=10 -ac 2 ";
-    for (const char* codec : {"pcm_s16le", "pcm_u8", "pcm_alaw", "pcm_f32le"}) {
-      files.push_back(dir.File(std::string("w/") + codec + ".wav"));
-      ASSERT_TRUE(Ffmpeg(ten + "-c:a " + codec + " -metadata title=T " + files.back()));
-    }
-    for (const char* codec : {"ac3 -f spdif", "mp2 -f mp2"}) {
-      std::string raw = dir.File("w/raw"), wav = dir.File(std::string("w/") + codec[0] + "c-as-pcm.wav");
-      ASSERT_TRUE(Ffmpeg(ten + "-c:a " + codec + " " + raw));
-      ASSERT_TRUE(Ffmpeg("-f s16le -ar 48000 -ac 2 -i " + raw + " -c copy " + wav));
-      files.push_back(wav);
-    }
-  }
+  if (HaveFfmpeg()) MakeGeneratedSet(dir, &files);
   if (files.empty()) GTEST_SKIP() << "neither the corpus nor ffmpeg";
   orvo::test::LogCapture quiet;
   for (const auto& f : files) {
@@ -165,6 +298,52 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
               ReadMediaInfo(f.c_str(), &plain, ProbeMode::kLibraryDefaults)) << f;
     EXPECT_EQ(memcmp(&tuned, &plain, sizeof tuned), 0) << f << "\n" << Stored(tuned) << "\n" << Stored(plain);
   }
+}
+
+// The sequence parameter set of the first stream of an MP4, as the container carries it.
+H264PictureSize SequenceSize(const std::string& mp4) {
+  H264PictureSize size{};
+  const AvLibrary* av = LoadAv();
+  AVFormatContext* raw = nullptr;
+  if (av == nullptr || av->openInput(&raw, mp4.c_str(), nullptr, nullptr) < 0) return size;
+  AvInput ctx(raw);
+  const AVCodecParameters* par = ctx->streams[0]->codecpar;
+  EXPECT_TRUE(ReadH264PictureSize(par->extradata, par->extradata_size, &size)) << mp4;
+  return size;
+}
+
+// The picture size the probe relies on to leave the H.264 decoder out: coded size and cropping as the decoder
+// reads them in each chroma format, bit depth and field layout, and the container's size kept only where the
+// decoder keeps it.
+TEST(H264PictureSize, CodedSizeCroppingAndTheContainersSize) {
+  REQUIRE_FFMPEG();
+  TempDir dir;
+  std::vector<std::string> files;
+  ASSERT_TRUE(FfmpegMany(dir, "h", "-f lavfi -i testsrc=d=0.2:s=100x58:r=25", {
+      {"420.mp4", "-c:v libx264 -preset ultrafast -pix_fmt yuv420p"},
+      {"444.mp4", "-c:v libx264 -preset ultrafast -pix_fmt yuv444p"},
+      {"10bit.mp4", "-c:v libx264 -preset ultrafast -pix_fmt yuv420p10le"},
+      {"fields.mp4", "-vf scale=100:60 -c:v libx264 -preset ultrafast -pix_fmt yuv420p -flags +ildct+ilme"}},
+                         &files));
+  auto text = [](const H264PictureSize& s) {
+    return std::to_string(s.coded_width) + "x" + std::to_string(s.coded_height) + " -" + std::to_string(s.crop_left) +
+           "-" + std::to_string(s.crop_right) + " -" + std::to_string(s.crop_top) + "-" + std::to_string(s.crop_bottom);
+  };
+  EXPECT_EQ(text(SequenceSize(files[0])), "112x64 -0-12 -0-6");
+  EXPECT_EQ(text(SequenceSize(files[1])), "112x64 -0-12 -0-6");  // 4:4:4 crops in single pixels
+  EXPECT_EQ(text(SequenceSize(files[2])), "112x64 -0-12 -0-6");
+  EXPECT_EQ(text(SequenceSize(files[3])), "112x64 -0-12 -0-4");  // field pairs: rows counted per frame
+  H264PictureSize sps = SequenceSize(files[0]);
+  int width = 0, height = 0;
+  for (auto [container, expected] : {std::pair{98, 98}, {100, 100}, {96, 100}, {104, 100}, {0, 100}}) {
+    H264DecodedSize(sps, container, 58, &width, &height);
+    EXPECT_EQ(width * 1000 + height, expected * 1000 + 58) << container;
+  }
+  sps.crop_left = 2, sps.crop_right = 10;  // cropped at the left: the container's size is not taken
+  H264DecodedSize(sps, 98, 58, &width, &height);
+  EXPECT_EQ(width, 100);
+  const uint8_t two_sets[] = {1, 0x42, 0, 0x1e, 0xff, 0xe2, 0, 1, 0x67, 0, 1, 0x67};
+  EXPECT_FALSE(ReadH264PictureSize(two_sets, sizeof two_sets, &sps)) << "which set the slices use is not known";
 }
 
 using Fill = int (*)(const char*, MediaInfo*);

@@ -18,6 +18,7 @@ extern "C" {
 }
 
 #include "meta/probe_helper.h"
+#include "meta/probe_tuning.h"
 #include "platform/log.h"
 #include "platform/text_encoding.h"
 
@@ -144,17 +145,6 @@ int64_t AudioBitRate(const AVCodecParameters* par) {
   return par->bit_rate;
 }
 
-// True when every stream is plain PCM, whose parameters all come from the
-// header (WAV, mostly).
-bool OnlyPcm(const AVFormatContext* ctx) {
-  if (ctx->nb_streams == 0) return false;
-  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
-    AVCodecID id = ctx->streams[i]->codecpar->codec_id;
-    if (id < AV_CODEC_ID_FIRST_AUDIO || id >= AV_CODEC_ID_ADPCM_IMA_QT) return false;
-  }
-  return true;
-}
-
 // The input is read through the descriptor the probe was handed, at offsets
 // of its own: libavformat gets no file name it could open.
 struct DescriptorInput {
@@ -266,13 +256,7 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
     return -1;
   }
   AvInput ctx(raw);
-  // The stream analysis keeps probing PCM packets for other codecs up to its
-  // probe size, some 200 KiB of a WAV file and 40 ms; the first 32 KiB tell
-  // as much. Other formats keep libavformat's limits: smaller probe sizes,
-  // analysis durations or frame-rate probes each changed stored durations or
-  // bit rates (ADTS and FLV files estimate them from what was read).
-  if (mode == ProbeMode::kTuned && OnlyPcm(ctx.get())) ctx->probesize = 32768;
-  if (av->findStreamInfo(ctx.get(), nullptr) < 0) {
+  if (AnalyseStreams(ctx.get(), mode) < 0) {
     ORVO_LOG("%s (%d) Could not find codec parameters.  %s", path);
     return -1;
   }

@@ -12,43 +12,43 @@ namespace {
 
 // A failure is logged as the calling routine's own, as it was when each
 // routine escaped its texts itself.
-const char* BaseName(const std::source_location& where) {
-  const char* slash = strrchr(where.file_name(), '/');
-  return slash != nullptr ? slash + 1 : where.file_name();
+const char* BaseName(const char* file) {
+  const char* slash = strrchr(file, '/');
+  return slash != nullptr ? slash + 1 : file;
 }
 
-CText Allocate(size_t size, const std::source_location& caller) {
+CText Allocate(size_t size, const char* file, int line) {
   CText out(static_cast<char*>(malloc(size)));
-  if (!out) orvo::Log("%s (%d) Failed to malloc(%d)", BaseName(caller), static_cast<int>(caller.line()), static_cast<int>(size));
+  if (!out) orvo::Log("%s (%d) Failed to malloc(%d)", BaseName(file), line, static_cast<int>(size));
   return out;
 }
 
 }  // namespace
 
-CText QuoteSql(const char* text, std::source_location caller) {
+CText QuoteSql(const char* text, const char* file, int line) {
   size_t length = strlen(text);
-  CText out = Allocate(2 * length + 1, caller);
+  CText out = Allocate(2 * length + 1, file, line);
   if (!out) return nullptr;
   if (ORVODBEscapeString(out.get(), text, length) < 0) {
-    orvo::Log("%s (%d) Failed to escape condition.", BaseName(caller), static_cast<int>(caller.line()));
+    orvo::Log("%s (%d) Failed to escape condition.", BaseName(file), line);
     return nullptr;
   }
   return out;
 }
 
-CText EscapeLike(const char* quoted, std::source_location caller) {
+CText EscapeLike(const char* quoted, const char* file, int line) {
   size_t size = 3 * strlen(quoted) + 1;
-  CText out = Allocate(size, caller);
+  CText out = Allocate(size, file, line);
   if (!out) return nullptr;
   if (ORVODBEscapeBackslash(out.get(), size, quoted) < 0) {
-    orvo::Log("%s (%d) Failed to escape condition.", BaseName(caller), static_cast<int>(caller.line()));
+    orvo::Log("%s (%d) Failed to escape condition.", BaseName(file), line);
     return nullptr;
   }
   return out;
 }
 
-CText QuotedLike(const char* path, std::source_location caller) {
-  CText quoted = QuoteSql(path, caller);
+CText QuotedLike(const char* path, const char* file, int line) {
+  CText quoted = QuoteSql(path, file, line);
   if (!quoted) return nullptr;
-  return EscapeLike(quoted.get(), caller);
+  return EscapeLike(quoted.get(), file, line);
 }

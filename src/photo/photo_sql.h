@@ -6,14 +6,12 @@
 // album table (photo_share) alike.
 #pragma once
 
-#include <source_location>
-
 #include "photo/photo_scoped.h"
 
-photo_scoped::CText QuoteSql(const char* text, std::source_location caller = std::source_location::current());
+photo_scoped::CText QuoteSql(const char* text, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 // An already quoted text escaped once more for a LIKE pattern.
 photo_scoped::CText EscapeLike(const char* quoted,
-                               std::source_location caller = std::source_location::current());
+                               const char* file = __builtin_FILE(), int line = __builtin_LINE());
 // QuoteSql, then EscapeLike: the form of every LIKE condition. EscapeLike on
 // unquoted text would read a run of two quotes as one and match another name.
-photo_scoped::CText QuotedLike(const char* text, std::source_location caller = std::source_location::current());
+photo_scoped::CText QuotedLike(const char* text, const char* file = __builtin_FILE(), int line = __builtin_LINE());

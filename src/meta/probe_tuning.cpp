@@ -1,0 +1,329 @@
+#include "meta/probe_tuning.h"
+
+#include <dlfcn.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avio.h>
+#include <libavutil/mathematics.h>
+#include <libavutil/opt.h>
+}
+
+#include "meta/h264_sps.h"
+
+namespace {
+
+// The entry points used here beyond LoadAv()'s, from the libraries it has
+// already loaded.
+struct TuningLibrary {
+  decltype(&avio_seek) seek;
+  decltype(&avio_read) read;
+  decltype(&avio_size) size;
+  decltype(&av_opt_set) optSet;
+  decltype(&av_rescale_q) rescale;
+  decltype(&av_rescale_q_rnd) rescaleRnd;
+  decltype(&av_codec_iterate) codecIterate;
+  decltype(&av_codec_is_decoder) isDecoder;
+};
+
+template <typename Function>
+bool Resolve(void* library, const char* name, Function& out) {
+  out = library != nullptr ? reinterpret_cast<Function>(dlsym(library, name)) : nullptr;
+  return out != nullptr;
+}
+
+void* Loaded(const char* base, int major) {
+  return dlopen((std::string(base) + ".so." + std::to_string(major)).c_str(), RTLD_NOW | RTLD_NOLOAD);
+}
+
+// Null when a symbol is missing: every file then gets the full analysis.
+const TuningLibrary* LoadTuning() {
+  static const TuningLibrary* loaded = [] {
+    static TuningLibrary lib;
+    void* format = Loaded("libavformat", LIBAVFORMAT_VERSION_MAJOR);
+    void* codec = Loaded("libavcodec", LIBAVCODEC_VERSION_MAJOR);
+    void* util = Loaded("libavutil", LIBAVUTIL_VERSION_MAJOR);
+    bool ok = Resolve(format, "avio_seek", lib.seek) && Resolve(format, "avio_read", lib.read) &&
+              Resolve(format, "avio_size", lib.size) && Resolve(util, "av_opt_set", lib.optSet) &&
+              Resolve(util, "av_rescale_q", lib.rescale) && Resolve(util, "av_rescale_q_rnd", lib.rescaleRnd) &&
+              Resolve(codec, "av_codec_iterate", lib.codecIterate) &&
+              Resolve(codec, "av_codec_is_decoder", lib.isDecoder);
+    return ok ? &lib : nullptr;
+  }();
+  return loaded;
+}
+
+uint32_t Be16(const uint8_t* p) { return uint32_t{p[0]} << 8 | p[1]; }
+uint32_t Be32(const uint8_t* p) { return Be16(p) << 16 | Be16(p + 2); }
+
+bool Named(const AVFormatContext* ctx, const char* name) { return strcmp(ctx->iformat->name, name) == 0; }
+
+// The one audio stream of a file whose other streams are all cover pictures,
+// or null.
+AVStream* OnlyAudioStream(const AVFormatContext* ctx) {
+  AVStream* audio = nullptr;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    AVStream* st = ctx->streams[i];
+    if (st->disposition & AV_DISPOSITION_ATTACHED_PIC) continue;
+    if (audio != nullptr || st->codecpar->codec_type != AVMEDIA_TYPE_AUDIO) return nullptr;
+    audio = st;
+  }
+  return audio;
+}
+
+bool HasDuration(const AVFormatContext* ctx) {
+  if (ctx->duration != AV_NOPTS_VALUE) return true;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i)
+    if (ctx->streams[i]->duration != AV_NOPTS_VALUE) return true;
+  return false;
+}
+
+// Counts the DTS sync words (core, 14-bit and byte-swapped forms, extension
+// substream) and the TrueHD one at any offset of `data`. Each holds 0x7F,
+// 0x1F, 0x64 or 0xF8 as its first or second byte, so only those bytes are
+// looked at: a quarter of the cost of testing every offset.
+void CountSyncWords(const uint8_t* data, size_t size, int* dts, int* truehd) {
+  auto sync_at = [&](size_t at) {
+    if (at + 4 > size) return;
+    uint32_t word = Be32(data + at);
+    if (word == 0x7FFE8001 || word == 0xFE7F0180 || word == 0x1FFFE800 || word == 0xFF1F00E8 || word == 0x64582025)
+      ++*dts;
+    if (word == 0xF8726FBA) ++*truehd;
+  };
+  for (uint8_t byte : {0x7F, 0x1F, 0x64, 0xF8}) {
+    const uint8_t* end = data + size;
+    // Bounded: every hit moves past the byte found.
+    for (const uint8_t* at = data; at < end;) {
+      const uint8_t* hit = static_cast<const uint8_t*>(memchr(at, byte, end - at));
+      if (hit == nullptr) break;
+      size_t offset = hit - data;
+      sync_at(offset);                                               // as the first byte
+      if ((byte == 0x7F || byte == 0x1F) && offset > 0) sync_at(offset - 1);  // as the second
+      at = hit + 1;
+    }
+  }
+}
+
+bool Pcm(AVCodecID id) { return id >= AV_CODEC_ID_FIRST_AUDIO && id < AV_CODEC_ID_ADPCM_IMA_QT; }
+
+// The plain sample formats a WAV (or RIFX) header maps to; the PCM forms
+// with a bitstream of their own (DVD, Blu-ray, SMPTE 302M) are not among them.
+bool WavSamples(AVCodecID id) {
+  switch (id) {
+    case AV_CODEC_ID_PCM_U8: case AV_CODEC_ID_PCM_S16LE: case AV_CODEC_ID_PCM_S24LE: case AV_CODEC_ID_PCM_S32LE:
+    case AV_CODEC_ID_PCM_S64LE: case AV_CODEC_ID_PCM_F32LE: case AV_CODEC_ID_PCM_F64LE: case AV_CODEC_ID_PCM_ALAW:
+    case AV_CODEC_ID_PCM_MULAW: case AV_CODEC_ID_PCM_S16BE: case AV_CODEC_ID_PCM_S24BE: case AV_CODEC_ID_PCM_S32BE:
+    case AV_CODEC_ID_PCM_F32BE: case AV_CODEC_ID_PCM_F64BE:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// The analysis reads a 16-bit PCM stream of a WAV file as possible
+// compressed audio first: up to 32 packets of 4096 bytes (or one block) are
+// run through the probes of the raw audio formats, and a match scoring above
+// the WAV demuxer's request takes the stream over (AC-3, DTS, MPEG audio and
+// the like stored as PCM). Those probes can score that high only on data
+// that starts with their frame sync, or that holds at least 4 DTS sync words
+// or any TrueHD one. True when the bytes the analysis would probe
+// show none of that, so the stream stays PCM; false when they might, or
+// cannot be read and put back.
+bool PcmStaysPcm(const TuningLibrary& lib, AVFormatContext* ctx, const AVStream* st) {
+  AVIOContext* pb = ctx->pb;
+  if (pb == nullptr || !(pb->seekable & AVIO_SEEKABLE_NORMAL)) return false;
+  int64_t at = lib.seek(pb, 0, SEEK_CUR);
+  if (at < 0) return false;
+  int64_t packet = std::max(4096, st->codecpar->block_align);
+  std::vector<uint8_t> data(static_cast<size_t>(std::min<int64_t>(32 * packet, ctx->probesize + packet)) + 4, 0);
+  int got = lib.read(pb, data.data(), static_cast<int>(data.size() - 4));
+  if (lib.seek(pb, at, SEEK_SET) != at) return false;
+  size_t n = got > 0 ? static_cast<size_t>(got) : 0;
+  const uint8_t* p = data.data();
+  if (n >= 3 && memcmp(p, "ID3", 3) == 0) return false;            // probes look past a tag
+  // AC-3 and E-AC-3, also byte-swapped or behind the 16-byte block some files start with.
+  if ((p[0] == 0x0B && p[1] == 0x77) || (p[0] == 0x77 && p[1] == 0x0B) || (p[0] == 0x01 && p[1] == 0x10)) return false;
+  if (n >= 2 && (Be16(p) & 0xFFF6) == 0xFFF0) return false;         // ADTS AAC
+  if (n >= 3 && (Be32(p) >> 21) == 0x2B7) return false;             // LATM in LOAS
+  size_t first = 0;
+  while (first < n && p[first] == 0) ++first;  // MPEG audio: from the first byte that is not 0
+  if (first + 4 <= n && (Be32(p + first) & 0xFFE00000) == 0xFFE00000) return false;
+  int dts = 0, truehd = 0;
+  CountSyncWords(p, n, &dts, &truehd);
+  return dts < 4 && truehd == 0;
+}
+
+// A decoder the analysis opens sets the stream's rate, channels and bit rate
+// from the same header fields the demuxer read: Vorbis and Opus from their
+// identification header, WMA v1/v2 not at all. PCM has no decoder state.
+bool HeaderSettlesEverything(const TuningLibrary& lib, AVFormatContext* ctx) {
+  if ((ctx->ctx_flags & AVFMTCTX_NOHEADER) || ctx->nb_programs > 1 || !HasDuration(ctx)) return false;
+  AVStream* st = OnlyAudioStream(ctx);
+  if (st == nullptr || st->codecpar->sample_rate <= 0 || st->codecpar->ch_layout.nb_channels <= 0) return false;
+  AVCodecID id = st->codecpar->codec_id;
+  if (Named(ctx, "wav")) {
+    // 16-bit, 8-bit and G.711 rates are worked out from the format; for the
+    // rest a missing header rate would be filled in when the decoder opens.
+    bool computed = id >= AV_CODEC_ID_PCM_S16LE && id <= AV_CODEC_ID_PCM_ALAW;
+    if (!WavSamples(id) || (!computed && st->codecpar->bit_rate <= 0)) return false;
+    return id != AV_CODEC_ID_PCM_S16LE || PcmStaysPcm(lib, ctx, st);
+  }
+  if (Named(ctx, "ogg")) return id == AV_CODEC_ID_VORBIS || id == AV_CODEC_ID_OPUS;
+  if (Named(ctx, "asf")) return id == AV_CODEC_ID_WMAV1 || id == AV_CODEC_ID_WMAV2;
+  return false;
+}
+
+// What the analysis does to the container's start, duration and bit rate
+// when a stream has a duration of its own (libavformat's
+// update_stream_timings, which it runs twice around filling in the streams
+// that have none).
+void UpdateTimings(const TuningLibrary& lib, AVFormatContext* ctx) {
+  const AVRational us = AV_TIME_BASE_Q;
+  int64_t start = INT64_MAX, start_text = INT64_MAX, end = INT64_MIN, end_text = INT64_MIN;
+  int64_t duration = INT64_MIN, duration_text = INT64_MIN;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    const AVStream* st = ctx->streams[i];
+    bool text = st->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE || st->codecpar->codec_type == AVMEDIA_TYPE_DATA;
+    if (st->start_time != AV_NOPTS_VALUE && st->time_base.den) {
+      int64_t start1 = lib.rescale(st->start_time, st->time_base, us);
+      (text ? start_text : start) = std::min(text ? start_text : start, start1);
+      int64_t end1 = lib.rescaleRnd(st->duration, st->time_base, us,
+                                    static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
+      if (end1 != AV_NOPTS_VALUE && (end1 > 0 ? start1 <= INT64_MAX - end1 : start1 >= INT64_MIN - end1)) {
+        end1 += start1;
+        (text ? end_text : end) = std::max(text ? end_text : end, end1);
+      }
+    }
+    if (st->duration != AV_NOPTS_VALUE) {
+      int64_t duration1 = lib.rescale(st->duration, st->time_base, us);
+      (text ? duration_text : duration) = std::max(text ? duration_text : duration, duration1);
+    }
+  }
+  if (start == INT64_MAX || (start > start_text && start - static_cast<uint64_t>(start_text) < AV_TIME_BASE))
+    start = start_text;
+  if (end == INT64_MIN || (end < end_text && end_text - static_cast<uint64_t>(end) < AV_TIME_BASE)) end = end_text;
+  if (duration == INT64_MIN ||
+      (duration < duration_text && static_cast<uint64_t>(duration_text) - duration < AV_TIME_BASE))
+    duration = duration_text;
+  if (start != INT64_MAX) {
+    ctx->start_time = start;
+    if (end != INT64_MIN && end >= start && end - static_cast<uint64_t>(start) <= INT64_MAX)
+      duration = std::max(duration, end - start);
+  }
+  if (duration != INT64_MIN && duration > 0 && ctx->duration == AV_NOPTS_VALUE) ctx->duration = duration;
+  int64_t filesize = ctx->pb != nullptr ? lib.size(ctx->pb) : 0;
+  if (filesize > 0 && ctx->duration > 0) {
+    double bitrate = static_cast<double>(filesize) * 8.0 * AV_TIME_BASE / static_cast<double>(ctx->duration);
+    if (bitrate >= 0 && bitrate <= static_cast<double>(INT64_MAX)) ctx->bit_rate = static_cast<int64_t>(bitrate);
+  }
+}
+
+// The analysis's timing step for a file whose streams carry durations.
+void CompleteTimings(const TuningLibrary& lib, AVFormatContext* ctx) {
+  UpdateTimings(lib, ctx);
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    AVStream* st = ctx->streams[i];
+    if (st->start_time != AV_NOPTS_VALUE) continue;
+    if (ctx->start_time != AV_NOPTS_VALUE) st->start_time = lib.rescale(ctx->start_time, AV_TIME_BASE_Q, st->time_base);
+    if (ctx->duration != AV_NOPTS_VALUE) st->duration = lib.rescale(ctx->duration, AV_TIME_BASE_Q, st->time_base);
+  }
+  UpdateTimings(lib, ctx);
+}
+
+// Audio whose stored values are settled by its first packet, however many
+// more the analysis reads: AAC, ALAC and PCM have no parser in MP4; the
+// E-AC-3 parser leaves the bit rate alone; the AC-3 parser averages the
+// frames' bit rates, and AC-3 keeps one bit rate code through a stream (at
+// 44.1 kHz only the padding bit beside it alternates). The MPEG audio parser
+// averages frames that may differ.
+bool AmountReadIrrelevant(AVCodecID id) {
+  return id == AV_CODEC_ID_AAC || id == AV_CODEC_ID_ALAC || id == AV_CODEC_ID_AC3 || id == AV_CODEC_ID_EAC3 || Pcm(id);
+}
+
+// An MP4/QuickTime file's duration comes from its movie header and its bit
+// rate from that and the file size; the H.264 decoder only confirms the
+// picture size the track gives, which the sequence parameter set tells as
+// well. Without it the analysis still reads the first packets of every
+// track and decodes the first audio frame, as before. Every other track must
+// be one whose values do not depend on how many packets are read: the
+// analysis may stop at another packet once the video decoder is not there.
+bool H264DecoderRedundant(const AVFormatContext* ctx) {
+  if (!Named(ctx, "mov,mp4,m4a,3gp,3g2,mj2") || ctx->duration == AV_NOPTS_VALUE) return false;
+  bool any = false;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    const AVCodecParameters* par = ctx->streams[i]->codecpar;
+    if (par->codec_type == AVMEDIA_TYPE_VIDEO && par->codec_id == AV_CODEC_ID_H264) {
+      H264PictureSize sps;
+      int width, height;
+      if (par->width <= 0 || par->height <= 0 || !ReadH264PictureSize(par->extradata, par->extradata_size, &sps))
+        return false;
+      H264DecodedSize(sps, par->width, par->height, &width, &height);
+      if (width != par->width || height != par->height) return false;
+      any = true;
+    } else if (par->codec_type == AVMEDIA_TYPE_AUDIO && !AmountReadIrrelevant(par->codec_id)) {
+      return false;
+    }
+  }
+  return any;
+}
+
+// Every decoder but the H.264 one, for the format context's codec_whitelist,
+// which the analysis hands to each decoder it opens.
+const std::string& DecodersButH264(const TuningLibrary& lib) {
+  static const std::string list = [&lib] {
+    std::string names;
+    void* at = nullptr;
+    // Bounded by the library's own table of codecs.
+    while (const AVCodec* codec = lib.codecIterate(&at)) {
+      if (!lib.isDecoder(codec) || strcmp(codec->name, "h264") == 0) continue;
+      if (!names.empty()) names += ',';
+      names += codec->name;
+    }
+    return names;
+  }();
+  return list;
+}
+
+// Decoder and parser contexts run to hundreds of KiB. With glibc's defaults
+// the heap gives such memory back after each file (or maps it apart) and the
+// next file's contexts fault fresh pages in again, which cost about as much
+// as the H.264 decoder saved above. Blocks up to 1 MiB come from the heap,
+// and it keeps up to 4 MiB free before giving memory back: a few MiB more
+// resident at most. Process-wide, set with the first probe.
+bool KeepHeapPages() {
+  return mallopt(M_MMAP_THRESHOLD, 1 << 20) == 1 && mallopt(M_TOP_PAD, 1 << 20) == 1 &&
+         mallopt(M_TRIM_THRESHOLD, 4 << 20) == 1;
+}
+
+}  // namespace
+
+int AnalyseStreams(AVFormatContext* ctx, ProbeMode mode) {
+  static const bool heap_kept = KeepHeapPages();
+  (void)heap_kept;
+  const AvLibrary* av = LoadAv();
+  const TuningLibrary* lib = mode == ProbeMode::kTuned ? LoadTuning() : nullptr;
+  if (lib != nullptr) {
+    if (HeaderSettlesEverything(*lib, ctx)) {
+      CompleteTimings(*lib, ctx);
+      return 0;
+    }
+    if (H264DecoderRedundant(ctx)) lib->optSet(ctx, "codec_whitelist", DecodersButH264(*lib).c_str(), 0);
+  }
+  return av->findStreamInfo(ctx, nullptr);
+}
+
+// Nothing has to be decided before the header is read: every limit above is
+// set on the opened context. The options that would make opening itself
+// cheaper all change a stored value on some file: a forced input format
+// or a smaller format probe picks another demuxer for files whose name
+// does not match their content, "ignore_length" changes WAV durations, and
+// skipping the AVI index, the Ogg end page or the MPEG end scan loses the
+// bit rates and durations read from them.
+std::vector<std::pair<std::string, std::string>> ProbeOpenOptions(ProbeMode) { return {}; }
