@@ -3,6 +3,7 @@
 
 #include <set>
 
+#include "mp3_test_bytes.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -87,12 +88,9 @@ class FeatureSwitches : public DaemonSandboxTest {
  protected:
   // The photo_image rows (no database file: none) after a start on `config` with a picture queued.
   size_t PhotoRowsWith(const std::string& config) {
-    const char* cmd = "ffmpeg -loglevel error -y -f lavfi -i color=red:s=16x16 -frames:v 1 /volume1/photo/p.jpg </dev/null";
-    EXPECT_EQ(system(cmd), 0);
+    EXPECT_TRUE(WriteJpeg("/volume1/photo/p.jpg"));
     std::ofstream("/etc.defaults/orvoinfo.conf") << config;
-    std::ofstream(kQueueFile) << "a:/volume1/photo/p.jpg\n";
-    pid_ = StartDaemon(kFastClock);
-    EXPECT_TRUE(pid_ > 0 && WaitForHups(1));
+    EXPECT_GT(pid_ = StartOnQueue({"a:/volume1/photo/p.jpg"}), 0);
     EXPECT_EQ(QuerySqlite(kMediaDbFile, "select path from photo").size(), 1u);
     auto rows = QuerySqlite(kPhotoDbFile, "select path from photo_image");
     return rows.size() == 1 && rows[0][0].rfind("error:", 0) == 0 ? 0 : rows.size();
@@ -114,7 +112,7 @@ TEST_F(FeatureSwitches, MissingPhotoKeyTakesTheFirstKeysValue) {
 }
 
 // Queue runs of the real daemon, seen in the log, the music server's SIGHUPs and the media database.
-using Paths = std::set<std::string>;
+using Paths = std::multiset<std::string>;
 
 class QueueCommands : public DaemonSandboxTest {
  protected:
@@ -122,22 +120,9 @@ class QueueCommands : public DaemonSandboxTest {
     DaemonSandboxTest::SetUp();
     if (!IsSkipped()) StartIdle();
   }
-  // Queues the lines, signals once and waits for that run to finish.
-  void Run(std::initializer_list<std::string> lines) {
-    for (const auto& line : lines) ASSERT_TRUE(AppendQueueLine(line));
-    ASSERT_TRUE(SignalDaemon());
-    ASSERT_TRUE(WaitForHups(++runs_));
-  }
-  static Paths Rows(const char* table) {
-    Paths paths;
-    for (const auto& row : QuerySqlite(kMediaDbFile, std::string("select path from ") + table)) paths.insert(row.at(0));
-    return paths;
-  }
-  static void MakeMp3(const std::string& path) {
-    const std::string cmd = "ffmpeg -loglevel error -y -f lavfi -i sine=duration=1 -q:a 9 '" + path + "' </dev/null";
-    ASSERT_EQ(system(cmd.c_str()), 0) << "ffmpeg could not make " << path;
-  }
-  int runs_ = 1;
+  void Run(const std::vector<std::string>& lines) { ASSERT_TRUE(RunLines(lines)); }
+  static Paths Rows(const char* table) { return Column(kMediaDbFile, std::string("select path from ") + table); }
+  static void MakeMp3(const std::string& path) { std::ofstream(path, std::ios::binary) << mp3test::TaggedMp3("t"); }
 };
 
 TEST_F(QueueCommands, EmptyQueueIsConsumedAndNotified) {

@@ -66,7 +66,7 @@ TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
     stamp += 86400;
   }
 
-  ASSERT_TRUE(AppendQueueLine("A:" + kFolder) && SignalDaemon() && WaitForHups(2));
+  ASSERT_TRUE(RunLines({"A:" + kFolder}));
   EXPECT_EQ(Names("music"), music);
   EXPECT_EQ(Names("video"), video);  // f.mkv has no handler
   EXPECT_EQ(Names("playlist"), (std::set<std::string>{"Party Mix.m3u", "list.wpl"}));
@@ -78,16 +78,13 @@ TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select video_bitrate from video where path like '%f.dat'"), (Rows{{"2875000"}}));
   // A gone FLAC file is removed by the generic audio remover.
   fs::remove(kFolder + "/f.flac");
-  ASSERT_TRUE(AppendQueueLine("d:" + kFolder + "/f.flac") && SignalDaemon() && WaitForHups(3));
+  ASSERT_TRUE(RunLines({"d:" + kFolder + "/f.flac"}));
   EXPECT_EQ(Names("music").count("f.flac"), 0u);
 }
 
 // "a:" on an MP3 makes its music row with its tags; "d:" removes it only once the file is gone.
 TEST_F(FormatsSandbox, Mp3AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
   StartIdle();
-  auto run = [](const std::string& line, int hups) {
-    return AppendQueueLine(line) && SignalDaemon() && WaitForHups(hups);
-  };
   const std::string folder = "/volume1/music/Road Trip", song = folder + "/01 Opening.mp3";
   fs::create_directories(folder);
   std::ofstream(song, std::ios::binary) << Id3v2(4, Frame24("TIT2", std::string("\x01\xFF\xFEO\0k\0", 7)) + Frame24("TPE1", Text("Caf\xE9")) +
@@ -95,15 +92,15 @@ TEST_F(FormatsSandbox, Mp3AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
                                         << XingStream(500, 40);
   const std::string columns = "select path, title, artist, album, genre, track, bitrate, frequency, channels, "
                               "round(duration, 2) from music";
-  EXPECT_TRUE(run("a:" + song, 2));
+  EXPECT_TRUE(RunLines({"a:" + song}));
   // UTF-16 and Latin-1 text stored as UTF-8; 500 frames of 1152 samples at 44100 Hz.
   EXPECT_EQ(QuerySqlite(kMediaDbFile, columns),
             (Rows{{song, "Ok", "Caf\xC3\xA9", "Road Trip", "Rock", "1", "128000", "44100", "1", "13.06"}}));
-  EXPECT_TRUE(run("d:" + song, 3));
+  EXPECT_TRUE(RunLines({"d:" + song}));
   EXPECT_GE(SandboxLogCount("File exists. Skip remove it from database."), 1);
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select count(*) from music"), (Rows{{"1"}}));
   fs::remove(song);
-  EXPECT_TRUE(run("d:" + song, 4));
+  EXPECT_TRUE(RunLines({"d:" + song}));
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select count(*) from music"), (Rows{{"0"}}));
 }
 
@@ -111,15 +108,6 @@ TEST_F(FormatsSandbox, Mp3AddedFileBecomesItsRowAndGoesOnlyOnceDeleted) {
 // fresh pair, which the daemon started here inherits.
 class StoredValuesInSandbox : public orvo::test::SandboxDatabaseTest {
  protected:
-  // Starts the daemon on a queue holding `lines`; returns once it has run them.
-  void RunAtStart(const std::vector<std::string>& lines) {
-    std::ofstream queue(kQueueFile);
-    for (const auto& line : lines) queue << line << "\n";
-    queue.close();
-    pid_ = StartDaemon(kFastClock);
-    ASSERT_GT(pid_, 0);
-    ASSERT_TRUE(WaitForHups(1));
-  }
   static std::string Row(const char* table, const std::string& columns, const std::string& path) {
     return orvo::test::QueryAll(OrvoDatabase::kMedia, "select " + columns + " from " + table + " where path = '" + path + "'");
   }
@@ -138,6 +126,7 @@ TEST_P(StoredValuesInSandbox, TagsStreamsAndAudioFieldsAsTheOldLibrariesGaveThem
   ASSERT_TRUE(Ffmpeg(sine + "-c:a wmav2 -metadata WM/Year=1999 -metadata WM/Track=4 " + music + "/old.wma"));
   ASSERT_TRUE(Ffmpeg(sine + "-c:a flac -metadata title=" + japanese + " " + music + "/long.flac"));
   ASSERT_TRUE(Ffmpeg(sine + "-c:a pcm_s16le -metadata title=" + japanese + " " + music + "/long.wav"));
+  ASSERT_TRUE(Ffmpeg(sine + "-c:a aac -metadata title=" + japanese + " " + music + "/long.m4a"));
   std::ofstream(music + "/long.mp3", std::ios::binary) << Id3v2(4, Frame24("TIT2", "\x03" + japanese)) << XingStream(50, 40);
   std::ofstream(video + "/s.srt") << "1\n00:00:00,000 --> 00:00:00,500\nhello\n";
   ASSERT_TRUE(Ffmpeg("-i " + video + "/s.srt -f lavfi -i testsrc=duration=1:size=64x48:rate=5 " + sine +
@@ -145,9 +134,9 @@ TEST_P(StoredValuesInSandbox, TagsStreamsAndAudioFieldsAsTheOldLibrariesGaveThem
   std::string vcd("\x55\0\0\1\xb3\x16\0\xf0\x14\x02\xce\x20\0\0\0\1\xc0\0\0\0\xff\xe3\x14\xc0", 24);
   std::ofstream(video + "/mpeg25.dat", std::ios::binary) << vcd << std::string(2000, '\0');
 
-  RunAtStart({"A:" + music, "A:" + video});
+  ASSERT_GT(pid_ = StartOnQueue({"A:" + music, "A:" + video}), 0);
   EXPECT_EQ(Row("music", "year, track", music + "/old.wma"), "1999|5");
-  for (const char* name : {"/long.flac", "/long.wav", "/long.mp3"}) {
+  for (const char* name : {"/long.flac", "/long.wav", "/long.mp3", "/long.m4a"}) {
     EXPECT_EQ(Row("music", "title", music + name), fitted) << name;
   }
   EXPECT_EQ(Row("video", "width, height, frequency, channels", video + "/text.flv"), "64|48|44100|1");
@@ -159,11 +148,7 @@ INSTANTIATE_TEST_SUITE_P(Backends, StoredValuesInSandbox, ::testing::ValuesIn(or
 
 const std::string kShare = "/volume1/photo";
 
-void Picture(const std::string& relative) {
-  std::string path = kShare + "/" + relative;
-  fs::create_directories(fs::path(path).parent_path());
-  ASSERT_TRUE(Ffmpeg("-f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + path + "'")) << path;
-}
+void Picture(const std::string& relative) { ASSERT_TRUE(WriteJpeg(kShare + "/" + relative)) << relative; }
 
 // The photo database file as the daemon left it, "a|b" lines.
 std::string PhotoRows(const std::string& sql) {
@@ -195,24 +180,23 @@ TEST_F(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   std::ofstream("/etc/orvoinfo.conf") << "albumdefpublic=YES\n";
   pid_ = StartDaemon(kFastClock);
   ASSERT_GT(pid_, 0);
-  ASSERT_TRUE(AppendQueueLine("R:photo") && SignalDaemon() && WaitForHups(1));
+  ASSERT_TRUE(RunLines({"R:photo"}));
   EXPECT_EQ(PhotoPaths(), kShare + "/Trip/b.jpg\n" + kShare + "/Trip/day1/a.jpg");
   EXPECT_EQ(Albums(), "Other|1\nTrip|0\nTrip/day1|0\nq'x%_\\|1");
   EXPECT_EQ(ReadFile("/var/spool/orvo_thumb_queue"), "3:" + kShare + "/Trip/day1/a.jpg\n");
 
   fs::rename(kShare + "/Trip", kShare + "/Voyage");
-  ASSERT_TRUE(AppendQueueLine("N:" + kShare + "/Voyage:" + kShare + "/Trip") && SignalDaemon() && WaitForHups(2));
+  ASSERT_TRUE(RunLines({"N:" + kShare + "/Voyage:" + kShare + "/Trip"}));
   EXPECT_EQ(PhotoPaths(), kShare + "/Voyage/b.jpg\n" + kShare + "/Voyage/day1/a.jpg");
   EXPECT_EQ(Albums(), "Other|1\nVoyage|0\nVoyage/day1|0\nq'x%_\\|1");
 
   Picture("Voyage/c.jpg");
-  ASSERT_TRUE(AppendQueueLine("U:photo") && SignalDaemon() && WaitForHups(3));
+  ASSERT_TRUE(RunLines({"U:photo"}));
   EXPECT_EQ(PhotoPaths(), kShare + "/Voyage/b.jpg\n" + kShare + "/Voyage/c.jpg\n" + kShare + "/Voyage/day1/a.jpg");
   fs::remove(kShare + "/Voyage/b.jpg");
   fs::remove_all(kShare + "/Voyage/day1");
   Picture("Other/o.jpg");
-  ASSERT_TRUE(AppendQueueLine("d:" + kShare + "/Voyage/b.jpg") && AppendQueueLine("D:" + kShare + "/Voyage/day1") &&
-              AppendQueueLine("A:" + kShare + "/Other") && SignalDaemon() && WaitForHups(4));
+  ASSERT_TRUE(RunLines({"d:" + kShare + "/Voyage/b.jpg", "D:" + kShare + "/Voyage/day1", "A:" + kShare + "/Other"}));
   EXPECT_EQ(PhotoPaths(), kShare + "/Other/o.jpg\n" + kShare + "/Voyage/c.jpg");
 }
 

@@ -1,9 +1,6 @@
 // The MP4 reader and record filler: ffmpeg-made files (some patched), boxes built byte by byte, the corpus.
 #include "formats_testutil.h"
 #include "meta/mp4_reader.h"
-#include "platform/media_db.h"
-#include "platform/text_encoding.h"
-#include "support/db_fixture.h"
 
 using namespace formats_test;
 
@@ -203,22 +200,6 @@ TEST(Mp4Tags, LongJapaneseTitleIsCutAtAWholeCharacter) {
   ASSERT_EQ(Read(Ftyp() + Moov(SoundTrak(44100, 0) + Udta(Item("\xA9nam", long_text))), &info), Mp4Result::kOk);
   EXPECT_EQ(info.tags.title, std::string(kMp4TagTextLimit - 1, 'a'));
 }
-
-// The saved row holds the cut title as UTF-8, on both backends.
-using Mp4Saved = orvo::test::DatabaseTest;
-
-TEST_P(Mp4Saved, LongJapaneseTitleReachesTheRowAsUtf8) {
-  REQUIRE_FFMPEG();
-  std::string path = TempDir() + "/Music/jp.m4a";
-  fs::create_directories(TempDir() + "/Music");
-  ASSERT_TRUE(Ffmpeg(kMono + "-c:a aac -metadata title=" + kJapanese + " " + path));
-  MediaInfo m = Mp4(path);
-  ASSERT_EQ(MediaInfoDBSave(kMediaMusic, &m), 0);
-  EXPECT_EQ(orvo::test::QueryAll(OrvoDatabase::kMedia, "select title, album, frequency from music"),
-            kJapanese.substr(0, 252) + "|Music|44100");
-}
-
-INSTANTIATE_TEST_SUITE_P(Backends, Mp4Saved, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
 
 TEST(Mp4Boxes, MovieAfterMediaDataWithLargeAndOpenEndedSizes) {
   // A 64-bit 'mdat' size, then a movie box of size 0 running to the end of the file.

@@ -48,14 +48,7 @@ bool WaitGone(pid_t pid) {
 
 class ProbeHelperSandbox : public DaemonSandboxTest {
  protected:
-  // The daemon on the fast clock after its start-up run, with `env` added.
-  void Start(std::vector<std::string> env) {
-    env.insert(env.end(), kFastClock.begin(), kFastClock.end());
-    std::ofstream(kQueueFile).flush();
-    pid_ = StartDaemon(env);
-    ASSERT_GT(pid_, 0);
-    ASSERT_TRUE(WaitForHups(1));
-  }
+  void Start(const std::vector<std::string>& env) { ASSERT_GT(pid_ = StartOnQueue({}, env), 0); }
   std::string Ogg(const std::string& path, const std::string& title) {
     fs::create_directories(fs::path(path).parent_path());
     EXPECT_TRUE(Ffmpeg(kSine + "-c:a libvorbis -metadata title=" + title + " '" + path + "'"));
@@ -72,9 +65,9 @@ TEST_F(ProbeHelperSandbox, CrashAndHangCostOneFileEachAndTheRunGoesOn) {
   std::ofstream(folder + "/hang.ogg") << "ORVO-TEST-HANG";
   Ogg(folder + "/after crash.ogg", "AfterCrash");
   Ogg(folder + "/after hang.ogg", "AfterHang");
-  for (const char* name : {"crash", "after crash", "hang", "after hang"})
-    ASSERT_TRUE(AppendQueueLine("a:" + folder + "/" + name + ".ogg"));
-  ASSERT_TRUE(SignalDaemon() && WaitForHups(2));
+  std::vector<std::string> lines;
+  for (const char* name : {"crash", "after crash", "hang", "after hang"}) lines.push_back("a:" + folder + "/" + name + ".ogg");
+  ASSERT_TRUE(RunLines(lines));
 
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select title, frequency, channels from music order by path"),
             (Rows{{"AfterCrash", "22050", "1"}, {"AfterHang", "22050", "1"}, {"crash", "0", "0"}, {"hang", "0", "0"}}));
@@ -111,7 +104,7 @@ TEST_F(ProbeHelperSandbox, ScriptsAndManifestsReachNoOtherFile) {
          "profiles=\"urn:mpeg:dash:profile:isoff-on-demand:2011\" type=\"static\" mediaPresentationDuration=\"PT1S\" "
          "minBufferTime=\"PT1S\"><Period><AdaptationSet mimeType=\"audio/mp4\"><Representation id=\"a\" "
          "bandwidth=\"64000\"><BaseURL>" << outside << "</BaseURL></Representation></AdaptationSet></Period></MPD>\n";
-  ASSERT_TRUE(AppendQueueLine("A:" + folder) && SignalDaemon() && WaitForHups(2));
+  ASSERT_TRUE(RunLines({"A:" + folder}));
 
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select title, album, frequency, channels, width from video order by path"),
             (Rows{{"beside", "crafted", "0", "0", "0"}, {"fifo", "crafted", "0", "0", "0"},
@@ -126,7 +119,7 @@ TEST_F(ProbeHelperSandbox, HelperRunsAsNobodyAndOpensNothing) {
   Start({kTestFaults});
   const std::string request = "/volume1/music/open.ogg";
   std::ofstream(request) << "ORVO-TEST-OPEN " << kMediaDbFile << "\n";
-  ASSERT_TRUE(AppendQueueLine("a:" + request) && SignalDaemon() && WaitForHups(2));
+  ASSERT_TRUE(RunLines({"a:" + request}));
   EXPECT_EQ(SandboxLogCount(std::string("Test open of [") + kMediaDbFile +
                             "] in the probe helper: Operation not permitted, user 65534."),
             1);

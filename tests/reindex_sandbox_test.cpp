@@ -27,7 +27,7 @@ void Write(const std::string& path, const std::string& bytes, time_t mtime = kSt
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
-std::string Mp3(const std::string& title) { return Id3v2(4, Frame24("TIT2", Text(title))) + XingStream(50, 4); }
+std::string Mp3(const std::string& title) { return TaggedMp3(title); }
 
 // path -> the other columns, "|"-joined, read on a connection of the test's own.
 Rows Query(const std::string& table, const std::string& columns) {
@@ -40,12 +40,7 @@ Rows Query(const std::string& table, const std::string& columns) {
 
 class ReindexSandbox : public SandboxDatabaseTest {
  protected:
-  void Start() {
-    std::ofstream(kQueueFile).flush();
-    pid_ = StartDaemon(kFastClock);
-    ASSERT_GT(pid_, 0);
-    ASSERT_TRUE(WaitForHups(1));
-  }
+  void Start() { ASSERT_GT(pid_ = StartOnQueue(), 0); }
   // `orvoindex reindex WORD`, then the run it asked for.
   void Reindex(const std::string& word) {
     const int hups = SandboxHupCount();
@@ -60,36 +55,28 @@ class ReindexSandbox : public SandboxDatabaseTest {
   }
 };
 
+// Which rows an incremental walk keeps or redoes is reindex_test's; here the key, the client's word and
+// the share it names.
 TEST_P(ReindexSandbox, IncrementalKeepsUnchangedRowsUnreadAndEveryId) {
   std::ofstream("/etc/orvoindex.conf") << "reindex=incremental\n";
   Write(kMusic + "/a/keep.mp3", Mp3("Kept title"));
-  Write(kMusic + "/a/size.mp3", Mp3("Short"));
   Write(kMusic + "/a/time.mp3", Mp3("Before"));
-  Write(kMusic + "/a/gone.mp3", Mp3("Gone"));
   Write(kVideo + "/v/clip.avi", "not really a video");
   Write(kVideo + "/v/gone.avi", "not really a video either");
   Start();
   Reindex("all");
   const Rows ids = Query("music", "id");
-  ASSERT_EQ(ids.size(), 4u);
-  ASSERT_EQ(Query("video", "id").size(), 2u);
+  ASSERT_EQ(ids.size(), 2u);
   Mark("music");
   Mark("video");
 
   Write(kMusic + "/a/keep.mp3", Mp3("Swap title"));  // same size, same time: must not be read
-  Write(kMusic + "/a/size.mp3", Mp3("A longer title"));
   Write(kMusic + "/a/time.mp3", Mp3("Behind"), kStamp + 60);
-  fs::remove(kMusic + "/a/gone.mp3");
-  Write(kMusic + "/b/new.mp3", Mp3("New"));
   fs::remove(kVideo + "/v/gone.avi");
   Reindex("music");
-  Rows music = Query("music", "id, title, genre");
-  ASSERT_EQ(music.count(kMusic + "/b/new.mp3"), 1u);
-  EXPECT_TRUE(music[kMusic + "/b/new.mp3"].ends_with("|New|"));
-  music.erase(kMusic + "/b/new.mp3");
-  EXPECT_EQ(music, (Rows{{kMusic + "/a/keep.mp3", ids.at(kMusic + "/a/keep.mp3") + "|Kept title|marked"},
-                         {kMusic + "/a/size.mp3", ids.at(kMusic + "/a/size.mp3") + "|A longer title|"},
-                         {kMusic + "/a/time.mp3", ids.at(kMusic + "/a/time.mp3") + "|Behind|"}}));
+  EXPECT_EQ(Query("music", "id, title, genre"),
+            (Rows{{kMusic + "/a/keep.mp3", ids.at(kMusic + "/a/keep.mp3") + "|Kept title|marked"},
+                  {kMusic + "/a/time.mp3", ids.at(kMusic + "/a/time.mp3") + "|Behind|"}}));
   EXPECT_EQ(Query("video", "genre").size(), 2u) << "R:music left the video share alone";
 
   Reindex("all");

@@ -202,11 +202,7 @@ TEST_F(RunStatusReport, StoppedDaemonsRunIsCutShortAndTheLastRunOutlivesARestart
 
 class FailureList : public DaemonSandboxTest {
  protected:
-  void Run(const std::vector<std::string>& lines) {
-    for (const auto& line : lines) ASSERT_TRUE(AppendQueueLine(line));
-    ASSERT_TRUE(SignalDaemon());
-    ASSERT_TRUE(WaitForHups(++runs_));
-  }
+  void Run(const std::vector<std::string>& lines) { ASSERT_TRUE(RunLines(lines)); }
   static std::vector<FailureEntry> Listed() {
     std::vector<FailureEntry> entries;
     JsonValue json = ClientJson({kClient, "failures", "--json"});
@@ -218,7 +214,6 @@ class FailureList : public DaemonSandboxTest {
     std::string text = ReadFile(kFailureRecordPath);
     return std::count(text.begin(), text.end(), '\n');
   }
-  int runs_ = 1;
 };
 
 // Damaged files of four handlers are listed once each with the first message logged for them,
@@ -297,7 +292,7 @@ TEST_F(FailureList, RecordKeepsTheNewestThousandAndSurvivesARestart) {
   std::vector<FailureEntry> restarted = Listed();
   EXPECT_EQ(restarted.size(), kFailureRecordKeep);
   WriteJunk(folder + "/new.mp3");
-  ASSERT_TRUE(AppendQueueLine("a:" + folder + "/new.mp3") && SignalDaemon() && WaitForHups(runs_ + 1));
+  ASSERT_TRUE(RunLines({"a:" + folder + "/new.mp3"}));
   std::vector<FailureEntry> after = Listed();
   ASSERT_EQ(after.size(), kFailureRecordKeep);
   EXPECT_EQ(after.front().path, folder + "/new.mp3");

@@ -188,10 +188,7 @@ class DatabaseOutage : public SandboxDatabaseTest {
 
 // Rows of a batch failed while the database was locked, and the batch was deleted anyway.
 TEST_P(DatabaseOutage, LockedDatabaseLosesNoLineAndEachRetryLogsOneLine) {
-  std::ofstream(kQueueFile).flush();
-  pid_ = StartDaemon(kFastClock);
-  ASSERT_GT(pid_, 0);
-  ASSERT_TRUE(WaitForHups(1));
+  ASSERT_GT(pid_ = StartOnQueue(), 0);
   for (int i = 0; i < 40; ++i) {
     fs::create_directories("/volume1/music/d" + std::to_string(i));
     ASSERT_TRUE(AppendQueueLine("a:/volume1/music/d" + std::to_string(i)));

@@ -22,12 +22,6 @@ const std::string kMusic = "/volume1/music";
 const std::string kPhoto = "/volume1/photo";
 const std::string kThumbQueue = "/var/spool/orvo_thumb_queue";
 
-// Every row's first column; a multiset, so that a row stored twice shows.
-Paths Column(const std::string& db, const std::string& sql) {
-  Paths out;
-  for (const auto& row : QuerySqlite(db, sql)) out.insert(row.at(0));
-  return out;
-}
 Paths PhotoRows() { return Column(kPhotoDbFile, "select path from photo_image"); }
 Paths Albums() { return Column(kPhotoDbFile, "select sharename from photo_share"); }
 Paths ThumbnailRequests() {
@@ -37,12 +31,7 @@ Paths ThumbnailRequests() {
   return out;
 }
 
-bool RunLine(const std::string& line, int hups) { return AppendQueueLine(line) && SignalDaemon() && WaitForHups(hups); }
-
-std::string Mp3Bytes() {
-  using namespace mp3test;
-  return Id3v2(4, Frame24("TIT2", Text("Song"))) + XingStream(500, 40);
-}
+void WriteMp3(const std::string& path) { formats_test::WriteBytes(path, mp3test::TaggedMp3("Song")); }
 
 // `names` as folders of `share`, each holding a link to every other one ("to_<name>", relative) and
 // one to the share itself ("up").
@@ -69,7 +58,7 @@ using WalkGuardSandbox = DaemonSandboxTest;
 TEST_F(WalkGuardSandbox, CrossLinkedPhotoFoldersGetOneRowEachInEveryWalk) {
   formats_test::TempDir tmp;
   const std::string jpeg = tmp.File("p.jpg");
-  ASSERT_TRUE(formats_test::Ffmpeg("-f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + jpeg + "'"));
+  ASSERT_TRUE(WriteJpeg(jpeg));
   const std::vector<std::string> albums = Numbered("A", 8);
   CrossLink(kPhoto, albums);
   Paths pictures, folders = {"Ext"};
@@ -94,18 +83,18 @@ TEST_F(WalkGuardSandbox, CrossLinkedPhotoFoldersGetOneRowEachInEveryWalk) {
   ORVODBCloseAll();
 
   StartIdle();
-  ASSERT_TRUE(RunLine("R:photo", 2));
+  ASSERT_TRUE(RunLines({"R:photo"}));
   EXPECT_EQ(PhotoRows(), pictures);
   EXPECT_EQ(Albums(), folders);
   Paths requests;
   for (const std::string& picture : pictures) requests.insert("3:" + picture);
   EXPECT_EQ(ThumbnailRequests(), requests);
 
-  ASSERT_TRUE(RunLine("U:photo", 3));
+  ASSERT_TRUE(RunLines({"U:photo"}));
   EXPECT_EQ(PhotoRows(), pictures);
   EXPECT_EQ(ThumbnailRequests(), requests);  // a refresh asks for none
 
-  ASSERT_TRUE(RunLine("A:" + kPhoto + "/A3", 4));
+  ASSERT_TRUE(RunLines({"A:" + kPhoto + "/A3"}));
   EXPECT_EQ(PhotoRows(), pictures);
   EXPECT_EQ(Albums(), folders);
   requests.insert({"3:" + kPhoto + "/A3/p.jpg", "3:" + kPhoto + "/A3/S/q.jpg"});
@@ -120,15 +109,14 @@ TEST_F(WalkGuardSandbox, CrossLinkedMusicFoldersGetOneRowEach) {
   CrossLink(kMusic, folders);
   Paths songs, directories = {kMusic};
   for (const std::string& folder : folders) {
-    formats_test::WriteBytes(kMusic + "/" + folder + "/song.mp3", Mp3Bytes());
+    WriteMp3(kMusic + "/" + folder + "/song.mp3");
     songs.insert(kMusic + "/" + folder + "/song.mp3");
     directories.insert(kMusic + "/" + folder);
   }
   StartIdle();
-  int hups = 1;
   for (const std::string& line : {"A:" + kMusic, std::string("R:music"), std::string("R:all")}) {
     SCOPED_TRACE(line);
-    ASSERT_TRUE(RunLine(line, ++hups));
+    ASSERT_TRUE(RunLines({line}));
     EXPECT_EQ(Column(kMediaDbFile, "select path from music"), songs);
     EXPECT_EQ(Column(kMediaDbFile, "select path from directory where path like '/volume1/music%'"), directories);
   }
@@ -139,7 +127,7 @@ TEST_F(WalkGuardSandbox, CrossLinkedMusicFoldersGetOneRowEach) {
 TEST_F(WalkGuardSandbox, CutChildPathGetsNoRowNoThumbnailAndNoMessage) {
   formats_test::TempDir tmp;
   const std::string jpeg = tmp.File("p.jpg");
-  ASSERT_TRUE(formats_test::Ffmpeg("-f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + jpeg + "'"));
+  ASSERT_TRUE(WriteJpeg(jpeg));
   // The deepest folder is 4089 bytes long, so ".../a.jpg.jpg" is cut to ".../a.jpg", which does not exist.
   std::string path = kPhoto + "/deep";
   ASSERT_TRUE(fs::create_directory(path));
@@ -162,10 +150,9 @@ TEST_F(WalkGuardSandbox, CutChildPathGetsNoRowNoThumbnailAndNoMessage) {
   close(file);
 
   StartIdle();
-  int hups = 1;
   for (const std::string& line : {"A:" + kPhoto + "/deep", std::string("U:photo"), std::string("R:photo")}) {
     SCOPED_TRACE(line);
-    ASSERT_TRUE(RunLine(line, ++hups));
+    ASSERT_TRUE(RunLines({line}));
     EXPECT_EQ(PhotoRows(), Paths{});
     EXPECT_EQ(ThumbnailRequests(), Paths{});
     EXPECT_EQ(SandboxLogCount("a.jpg"), 0);
@@ -178,30 +165,26 @@ TEST_F(WalkGuardSandbox, CutChildPathGetsNoRowNoThumbnailAndNoMessage) {
 // A share whose folder is missing (its volume did not mount) used to be emptied by R: and stayed empty
 // until the next re-index. Its rows stay, the log says why, and the shares that are there are redone.
 TEST_F(WalkGuardSandbox, ReindexKeepsTheRowsOfAShareWhoseFolderIsMissing) {
-  formats_test::TempDir tmp;
-  const std::string jpeg = tmp.File("p.jpg");
-  ASSERT_TRUE(formats_test::Ffmpeg("-f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" + jpeg + "'"));
-  fs::create_directories(kPhoto + "/Trip");
-  fs::copy_file(jpeg, kPhoto + "/Trip/p.jpg");
-  formats_test::WriteBytes(kMusic + "/a.mp3", Mp3Bytes());
-  formats_test::WriteBytes("/volume1/video/v.mp3", Mp3Bytes());
+  ASSERT_TRUE(WriteJpeg(kPhoto + "/Trip/p.jpg"));
+  WriteMp3(kMusic + "/a.mp3");
+  WriteMp3("/volume1/video/v.mp3");
   StartIdle();
-  ASSERT_TRUE(RunLine("R:all", 2));
-  ASSERT_TRUE(RunLine("R:photo", 3));
+  ASSERT_TRUE(RunLines({"R:all"}));
+  ASSERT_TRUE(RunLines({"R:photo"}));
   const Paths music = {kMusic + "/a.mp3", "/volume1/video/v.mp3"};
   ASSERT_EQ(Column(kMediaDbFile, "select path from music"), music);
 
   fs::rename("/volume1/video", "/volume1/video-offline");
   fs::rename(kPhoto, "/volume1/photo-offline");
-  formats_test::WriteBytes(kMusic + "/b.mp3", Mp3Bytes());
-  ASSERT_TRUE(RunLine("R:all", 4));
+  WriteMp3(kMusic + "/b.mp3");
+  ASSERT_TRUE(RunLines({"R:all"}));
   EXPECT_EQ(Column(kMediaDbFile, "select path from music"),
             (Paths{kMusic + "/a.mp3", kMusic + "/b.mp3", "/volume1/video/v.mp3"}));
   EXPECT_EQ(Column(kMediaDbFile, "select path from photo"), Paths{kPhoto + "/Trip/p.jpg"});
   EXPECT_EQ(SandboxLogCount("Cannot open share folder /volume1/video (No such file or directory); its rows are kept."), 1);
   EXPECT_EQ(SandboxLogCount("Cannot open share folder /volume1/photo (No such file or directory)"), 1);
 
-  ASSERT_TRUE(RunLine("R:photo", 5));
+  ASSERT_TRUE(RunLines({"R:photo"}));
   EXPECT_EQ(PhotoRows(), Paths{kPhoto + "/Trip/p.jpg"});
   EXPECT_EQ(Albums(), Paths{"Trip"});
   EXPECT_EQ(SandboxLogCount("Cannot open share folder /volume1/photo (No such file or directory)"), 2);
@@ -209,7 +192,7 @@ TEST_F(WalkGuardSandbox, ReindexKeepsTheRowsOfAShareWhoseFolderIsMissing) {
   fs::rename("/volume1/video-offline", "/volume1/video");
   fs::rename("/volume1/photo-offline", kPhoto);
   fs::remove("/volume1/video/v.mp3");
-  ASSERT_TRUE(RunLine("R:all", 6));
+  ASSERT_TRUE(RunLines({"R:all"}));
   EXPECT_EQ(Column(kMediaDbFile, "select path from music"), (Paths{kMusic + "/a.mp3", kMusic + "/b.mp3"}));
   EXPECT_EQ(Column(kMediaDbFile, "select path from photo"), Paths{kPhoto + "/Trip/p.jpg"});
 }

@@ -224,11 +224,36 @@ std::string ReadFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-void DaemonSandboxTest::StartIdle() {
-  std::ofstream(kQueueFile).flush();
-  pid_ = StartDaemon(kFastClock);
-  ASSERT_GT(pid_, 0);
-  ASSERT_TRUE(WaitForHups(1));
+bool WriteJpeg(const std::string& path) {
+  fs::create_directories(fs::path(path).parent_path());
+  const std::string cmd = "ffmpeg -nostdin -loglevel error -y -f lavfi -i color=c=red:s=8x8 -frames:v 1 -f mjpeg '" +
+                          path + "' >/dev/null 2>&1";
+  return system(cmd.c_str()) == 0;
+}
+
+std::multiset<std::string> Column(const std::string& dbFile, const std::string& sql) {
+  std::multiset<std::string> out;
+  for (const auto& row : QuerySqlite(dbFile, sql)) out.insert(row.at(0));
+  return out;
+}
+
+bool RunLines(const std::vector<std::string>& lines) {
+  const int hups = SandboxHupCount();
+  for (const auto& line : lines)
+    if (!AppendQueueLine(line)) return false;
+  return SignalDaemon() && WaitForHups(hups + 1);
+}
+
+pid_t StartOnQueue(const std::vector<std::string>& lines, const std::vector<std::string>& extraEnv) {
+  {
+    std::ofstream queue(kQueueFile, std::ios::binary);
+    for (const auto& line : lines) queue << line << "\n";
+  }
+  std::vector<std::string> env = kFastClock;
+  env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+  const int hups = SandboxHupCount();
+  const pid_t pid = StartDaemon(env);
+  return pid > 0 && WaitForHups(hups + 1) ? pid : -1;
 }
 
 void DaemonSandboxTest::StartLongRun(const std::string& prefix) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <string_view>
 
 namespace orvo::test {
@@ -43,6 +44,11 @@ bool ProcessAlive(pid_t pid);  // alive and no zombie
 
 bool AppendQueueLine(std::string_view line);  // line and newline in one write
 bool SignalDaemon();                          // SIGUSR1 to the pid in the pid file
+// Queues `lines`, signals once and waits for that run's SIGHUP.
+bool RunLines(const std::vector<std::string>& lines);
+// Starts the daemon on the fast clock (and `extraEnv`) with `lines` queued; its pid once their start-up
+// run has ended (one SIGHUP), else -1. Later lines wait for a signal.
+pid_t StartOnQueue(const std::vector<std::string>& lines = {}, const std::vector<std::string>& extraEnv = {});
 
 struct CommandResult {
   int status = -1;     // wait status; -1 when it could not run
@@ -52,7 +58,11 @@ CommandResult RunCommand(const std::vector<std::string>& argv, const std::vector
 
 // The rows of `sql` on the SQLite file, read-only, NULL as ""; an error as one row {"error: ..."}.
 std::vector<std::vector<std::string>> QuerySqlite(const std::string& dbFile, const std::string& sql);
+// The first column of every row; a multiset, so that a row stored twice shows.
+std::multiset<std::string> Column(const std::string& dbFile, const std::string& sql);
 std::string ReadFile(const std::string& path);
+// A small red JPEG at `path`, made by ffmpeg; false when it could not be made.
+bool WriteJpeg(const std::string& path);
 
 // Skips outside the sandbox; the daemon the test started must end on SIGTERM.
 class DaemonSandboxTest : public ::testing::Test {
@@ -65,8 +75,7 @@ class DaemonSandboxTest : public ::testing::Test {
       EXPECT_GE(StopDaemon(pid_), 0) << "the daemon did not end on SIGTERM";
     }
   }
-  // The start-up run of an empty queue (one SIGHUP) ends start-up: later lines wait for a signal.
-  void StartIdle();
+  void StartIdle() { ASSERT_GT(pid_ = StartOnQueue(), 0); }
   // Queues 20000 bad lines ("x:<prefix> <n>"), signals, and returns once their run has begun.
   void StartLongRun(const std::string& prefix);
   pid_t pid_ = -1;
