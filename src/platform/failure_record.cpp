@@ -1,4 +1,5 @@
 #include "platform/failure_record.h"
+#include "platform/fd_owner.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,21 +20,6 @@ namespace {
 // in from a stranger at the record's path (the newest end is kept).
 constexpr off_t kMaxReadSize = 64 << 20;
 constexpr size_t kCompactAt = 2 * kFailureRecordKeep;
-
-class FdOwner {
- public:
-  explicit FdOwner(int fd) : fd_(fd) {}
-  ~FdOwner() {
-    if (fd_ >= 0) close(fd_);
-  }
-  FdOwner(const FdOwner&) = delete;
-  FdOwner& operator=(const FdOwner&) = delete;
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-
- private:
-  int fd_;
-};
 
 bool WriteAll(int fd, std::string_view text) {
   while (!text.empty()) {

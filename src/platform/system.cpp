@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/fd_owner.h"
 #include "platform/log.h"
 #include "platform/system_paths.h"
 
@@ -23,20 +24,6 @@ struct FileCloser {
   void operator()(FILE* f) const { fclose(f); }
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // Configuration lines longer than this are skipped whole: no setting of ours
 // comes near it, and it keeps a damaged file from costing unbounded memory.
@@ -180,7 +167,7 @@ int QLIBSignalThumbCreateAt(const char* queuePath, const char* pidPath, const ch
   line += path;
   line += '\n';
 
-  Fd fd(open(queuePath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+  FdOwner fd(open(queuePath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
   if (fd.get() < 0) {
     ORVO_LOG("%s (%d) Failed to open %s. (%s)", queuePath, strerror(errno));
     return -1;
