@@ -110,18 +110,9 @@ TEST_P(IndexWalk, CrossLinkedFoldersAreEnteredOnceUnderTheirRealPath) {
 
 // A child path cut short at the 4096-byte buffer can name its own parent: no loop, no overrun.
 TEST_P(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
-  std::string path = share_;
-  int fd = open(share_.c_str(), O_RDONLY | O_DIRECTORY);
-  while (fd >= 0 && path.size() < 4094) {
-    const std::string name(std::min<size_t>(4095 - path.size() - 1, 200), 'd');
-    ASSERT_EQ(mkdirat(fd, name.c_str(), 0755), 0);
-    const int next = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
-    close(fd);
-    fd = next;
-    path += "/" + name;
-  }
+  std::string path;
+  const int fd = orvo::test::MakeFolderChain(share_, 4095, &path);
   ASSERT_GE(fd, 0);
-  ASSERT_EQ(path.size(), 4095u);
   ASSERT_EQ(mkdirat(fd, "below", 0755), 0);
   ASSERT_EQ(mkdirat(fd, "x.mp3", 0755), 0);
   close(fd);

@@ -129,19 +129,10 @@ TEST_F(WalkGuardSandbox, CutChildPathGetsNoRowNoThumbnailAndNoMessage) {
   const std::string jpeg = tmp.File("p.jpg");
   ASSERT_TRUE(WriteJpeg(jpeg));
   // The deepest folder is 4089 bytes long, so ".../a.jpg.jpg" is cut to ".../a.jpg", which does not exist.
-  std::string path = kPhoto + "/deep";
-  ASSERT_TRUE(fs::create_directory(path));
-  int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY);
-  while (fd >= 0 && path.size() < 4089) {
-    const std::string name(std::min<size_t>(4089 - path.size() - 1, 200), 'd');
-    ASSERT_EQ(mkdirat(fd, name.c_str(), 0755), 0);
-    const int next = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
-    close(fd);
-    fd = next;
-    path += "/" + name;
-  }
+  ASSERT_TRUE(fs::create_directory(kPhoto + "/deep"));
+  std::string path;
+  const int fd = MakeFolderChain(kPhoto + "/deep", 4089, &path);
   ASSERT_GE(fd, 0);
-  ASSERT_EQ(path.size(), 4089u);
   const std::string bytes = formats_test::ReadBytes(jpeg);
   const int file = openat(fd, "a.jpg.jpg", O_WRONLY | O_CREAT, 0644);
   close(fd);

@@ -231,6 +231,19 @@ bool WriteJpeg(const std::string& path) {
   return system(cmd.c_str()) == 0;
 }
 
+int MakeFolderChain(const std::string& top, size_t length, std::string* deepest) {
+  *deepest = top;
+  int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  while (fd >= 0 && deepest->size() < length) {
+    const std::string name(std::min<size_t>(length - deepest->size() - 1, 200), 'd');
+    const int next = mkdirat(fd, name.c_str(), 0755) == 0 ? openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    close(fd);
+    fd = next;
+    *deepest += "/" + name;
+  }
+  return fd;
+}
+
 std::multiset<std::string> Column(const std::string& dbFile, const std::string& sql) {
   std::multiset<std::string> out;
   for (const auto& row : QuerySqlite(dbFile, sql)) out.insert(row.at(0));
