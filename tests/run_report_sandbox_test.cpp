@@ -92,11 +92,11 @@ TEST_F(RunStatusReport, MidRunFiguresStayConsistentAndTheSummaryMatchesTheRows) 
     }
     if (status->secondsLeft >= 0) ++withTimeLeft;
     if (!checkedClient && run.linesDone > 0 && run.filesIndexed > 0) {
-      // Held still, the daemon's file and the client's two forms must tell the same.
+      // Held still, the daemon's file and the client must tell the same (the text form is the same
+      // snapshot, formatted as status_report_test checks).
       ASSERT_EQ(kill(pid_, SIGSTOP), 0);
       status = Published();
       JsonValue json = ClientJson({kClient, "status", "--json"});
-      CommandResult text = RunCommand({kClient, "status"});
       ASSERT_EQ(kill(pid_, SIGCONT), 0);
       ASSERT_TRUE(status && status->running);
       EXPECT_EQ(json["state"].text, "running");
@@ -109,14 +109,6 @@ TEST_F(RunStatusReport, MidRunFiguresStayConsistentAndTheSummaryMatchesTheRows) 
       EXPECT_EQ(Count(live["failures"]), status->run.failures);
       EXPECT_EQ(live["path"].text, status->path);
       EXPECT_EQ(live["seconds_left"].IsNull(), status->secondsLeft < 0);
-      EXPECT_NE(text.output.find("run: " + std::to_string(status->run.linesDone) + " of " +
-                                 std::to_string(totalLines) + " queue lines, " +
-                                 std::to_string(status->run.filesIndexed) + " files indexed"),
-                std::string::npos)
-          << text.output;
-      if (!status->path.empty()) {
-        EXPECT_NE(text.output.find("file: " + status->path + "\n"), std::string::npos) << text.output;
-      }
       checkedClient = true;
     }
     std::this_thread::sleep_for(2ms);
