@@ -231,6 +231,15 @@ bool WriteJpeg(const std::string& path) {
   return system(cmd.c_str()) == 0;
 }
 
+void CrossLink(const std::string& share, const std::vector<std::string>& names) {
+  for (const std::string& name : names) fs::create_directories(share + "/" + name);
+  for (const std::string& name : names) {
+    for (const std::string& other : names)
+      if (other != name) fs::create_directory_symlink("../" + other, share + "/" + name + "/to_" + other);
+    fs::create_directory_symlink("..", share + "/" + name + "/up");
+  }
+}
+
 int MakeFolderChain(const std::string& top, size_t length, std::string* deepest) {
   *deepest = top;
   int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
