@@ -54,6 +54,8 @@ TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
       if (std::string(ext) != "mkv") (source == sources[4].first ? video : music).insert(std::string("f.") + ext);
     }
   }
+  std::ofstream(kFolder + "/f.mp3", std::ios::binary) << TaggedMp3("t");
+  music.insert("f.mp3");
   std::ofstream(kFolder + "/Party Mix.m3u") << "f.wav\n";
   std::ofstream(kFolder + "/list.wpl") << "<smil/>\n";
   // Every file gets its own modification time, which its row must carry.

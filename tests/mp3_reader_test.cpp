@@ -1,6 +1,4 @@
 // The MP3 reader (frames, play times, tags, damaged files, the corpus) and the MP3 handler on both backends.
-#include <fcntl.h>
-
 #include "formats_testutil.h"
 #include "mp3_test_bytes.h"
 #include "support/db_fixture.h"
@@ -398,15 +396,6 @@ TEST_P(Mp3Index, UntaggedFileTakesItsNameAndFolder) {
   Index(std::string(255, 'f') + "/a.mp3", Cbr128(10));
   EXPECT_TRUE(log.Contains("Impossible error."));
   EXPECT_EQ(Row("count(*)", " where album = '" + std::string(254, 'f') + "'"), "1");
-}
-
-TEST_P(Mp3Index, RowCarriesTheFilesModificationTime) {
-  std::string path = TempDir() + "/dated.mp3";
-  std::ofstream(path, std::ios::binary) << Cbr128(10);
-  const timespec times[2] = {{1234567890, 0}, {1234567890, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-  ASSERT_EQ(IndexMp3(path.c_str()), 0);
-  EXPECT_EQ(Row("mtime", ""), "1234567890");
 }
 
 TEST_P(Mp3Index, FileWithoutAudioIsNeverSavedAndMissingFileIsSilent) {
