@@ -45,9 +45,8 @@ bool ParseString(Cursor& in, std::string* out) {
     const char e = in.text[in.at];
     if (e == 'u') {
       const std::string hex(in.text.substr(in.at + 1, 4));
-      char* end = nullptr;
-      const unsigned code = static_cast<unsigned>(strtoul(hex.c_str(), &end, 16));
-      if (hex.size() != 4 || end != hex.c_str() + 4 || hex.find_first_of("+- ") != std::string::npos) return false;
+      if (hex.size() != 4 || hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return false;
+      const auto code = static_cast<unsigned>(strtoul(hex.c_str(), nullptr, 16));
       in.at += 4;
       if (code < 0x80) {
         *out += static_cast<char>(code);
