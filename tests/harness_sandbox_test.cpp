@@ -1,8 +1,6 @@
 // The integration-test helpers, inside the appliance sandbox.
 #include <syslog.h>
 
-#include <csignal>
-
 #include "support/sandbox.h"
 
 using namespace orvo::test;
@@ -25,17 +23,6 @@ TEST_F(Harness, ListenerReceivesEverySyslogMessageBeforeTheCountReturns) {
   closelog();
   EXPECT_EQ(SandboxLogCount("harness"), 22);
   EXPECT_EQ(SandboxLogCount("orvo-sandbox-sync"), 0) << "the helpers' own markers are not messages";
-}
-
-TEST_F(Harness, MusicServerStandInCountsOneHangupPerSignal) {
-  int pid = 0;
-  ASSERT_TRUE(std::ifstream("/var/run/mt-daapd.pid") >> pid);
-  EXPECT_EQ(SandboxHupCount(), 0);
-  for (int n = 1; n <= 3; ++n) {
-    ASSERT_EQ(kill(pid, SIGHUP), 0);
-    ASSERT_TRUE(WaitForHups(n, 10s)) << "count stuck at " << SandboxHupCount();
-  }
-  EXPECT_FALSE(WaitForHups(4, 100ms));
 }
 
 }  // namespace

@@ -73,32 +73,21 @@ TEST_P(IndexWalk, DirectoryRowsSkipRecycleBinAndThumbnailFolders) {
   EXPECT_EQ(Walk(), (std::set<std::string>{".", "a", "a/#recycle", "a/#recycle/deep", "b", "b/c", ".hidden"}));
 }
 
-TEST_P(IndexWalk, LinkLoopEndsTheWalk) {
-  fs::create_directories(share_ + "/a/b");
-  fs::create_directory_symlink(share_, share_ + "/a/b/up");
-  fs::create_directory_symlink(share_ + "/a", share_ + "/a/self");
-  fs::create_symlink(share_ + "/missing", share_ + "/dangling");
-  EXPECT_EQ(Walk(), (std::set<std::string>{".", "a", "a/b"}));
-}
-
 // Folders that all link to each other used to be walked once per path through the links (six took
-// thousands of rows); each is entered once, under its real path, and a folder outside the share that
-// two links lead to is entered once, under the first of them the walk meets.
-TEST_P(IndexWalk, CrossLinkedFoldersAreEnteredOnceUnderTheirRealPath) {
+// thousands of rows); each is entered once, under its real path, whether a link is relative, absolute,
+// to the share, to itself or to nothing, and a folder outside the share that two links lead to is
+// entered once, under the first of them the walk meets.
+TEST_P(IndexWalk, LinkedFoldersAreEnteredOnceUnderTheirRealPath) {
   const std::string outside = share_ + "_outside";
   fs::remove_all(outside);
   fs::create_directories(outside + "/x");
   const std::vector<std::string> names = {"f0", "f1", "f2", "f3", "f4", "f5"};
+  orvo::test::CrossLink(share_, names);
+  fs::create_directory_symlink(share_, share_ + "/f2/root");  // absolute, to the share itself
+  fs::create_directory_symlink(share_ + "/f3", share_ + "/f3/self");
+  fs::create_symlink(share_ + "/missing", share_ + "/dangling");
   std::set<std::string> expected = {"."};
-  for (const std::string& name : names) {
-    fs::create_directories(share_ + "/" + name);
-    expected.insert(name);
-  }
-  for (const std::string& name : names) {
-    for (const std::string& other : names)
-      if (other != name) fs::create_directory_symlink("../" + other, share_ + "/" + name + "/to_" + other);
-    fs::create_directory_symlink(share_, share_ + "/" + name + "/root");  // absolute, to the share itself
-  }
+  expected.insert(names.begin(), names.end());
   fs::create_directory_symlink(outside, share_ + "/f0/out");
   fs::create_directory_symlink(outside, share_ + "/f1/out");
   std::set<std::string> rows = Walk();
@@ -110,18 +99,9 @@ TEST_P(IndexWalk, CrossLinkedFoldersAreEnteredOnceUnderTheirRealPath) {
 
 // A child path cut short at the 4096-byte buffer can name its own parent: no loop, no overrun.
 TEST_P(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
-  std::string path = share_;
-  int fd = open(share_.c_str(), O_RDONLY | O_DIRECTORY);
-  while (fd >= 0 && path.size() < 4094) {
-    const std::string name(std::min<size_t>(4095 - path.size() - 1, 200), 'd');
-    ASSERT_EQ(mkdirat(fd, name.c_str(), 0755), 0);
-    const int next = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
-    close(fd);
-    fd = next;
-    path += "/" + name;
-  }
+  std::string path;
+  const int fd = orvo::test::MakeFolderChain(share_, 4095, &path);
   ASSERT_GE(fd, 0);
-  ASSERT_EQ(path.size(), 4095u);
   ASSERT_EQ(mkdirat(fd, "below", 0755), 0);
   ASSERT_EQ(mkdirat(fd, "x.mp3", 0755), 0);
   close(fd);

@@ -1,6 +1,4 @@
 // The MP3 reader (frames, play times, tags, damaged files, the corpus) and the MP3 handler on both backends.
-#include <fcntl.h>
-
 #include "formats_testutil.h"
 #include "mp3_test_bytes.h"
 #include "support/db_fixture.h"
@@ -342,22 +340,6 @@ TEST_F(Mp3Corpus, XingOrVbriHeaderInReachGivesTheToolsDurationButTheBitRateIsThe
   EXPECT_EQ(files_["vbri.mp3"].rec.bitrate, 160000) << "the first frame's, not the tools' average";
 }
 
-TEST_F(Mp3Corpus, ChannelsHoldTheModeCodeNotTheToolsChannelCount) {
-  for (const auto& [name, f] : files_) {
-    if (f.result == 0) {
-      EXPECT_TRUE(RefText(f.entry, {"channels"}) == "1" ? f.rec.channels == 3 : f.rec.channels <= 2) << name;
-    }
-  }
-}
-
-TEST_F(Mp3Corpus, InfoHeaderIsIgnoredSoTheLengthEstimateStays) {
-  const CorpusFile& f = files_["toc_many_children.mp3"];
-  ASSERT_EQ(RefText(f.entry, {"mpeg", "vbr_header"}), "Info");
-  double length = double(std::filesystem::file_size(kMp3Dir + "/toc_many_children.mp3"));
-  if (RefText(f.entry, {"id3", "v1"}) == "true") length -= 128;
-  EXPECT_NEAR(f.rec.duration, length / (f.rec.bitrate / 1000) * 0.008, 1e-3);
-}
-
 TEST_F(Mp3Corpus, TagTextMatchesTheToolsWhereWeReadIt) {
   int compared = 0;
   for (const auto& [name, f] : files_) {
@@ -414,15 +396,6 @@ TEST_P(Mp3Index, UntaggedFileTakesItsNameAndFolder) {
   Index(std::string(255, 'f') + "/a.mp3", Cbr128(10));
   EXPECT_TRUE(log.Contains("Impossible error."));
   EXPECT_EQ(Row("count(*)", " where album = '" + std::string(254, 'f') + "'"), "1");
-}
-
-TEST_P(Mp3Index, RowCarriesTheFilesModificationTime) {
-  std::string path = TempDir() + "/dated.mp3";
-  std::ofstream(path, std::ios::binary) << Cbr128(10);
-  const timespec times[2] = {{1234567890, 0}, {1234567890, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-  ASSERT_EQ(IndexMp3(path.c_str()), 0);
-  EXPECT_EQ(Row("mtime", ""), "1234567890");
 }
 
 TEST_P(Mp3Index, FileWithoutAudioIsNeverSavedAndMissingFileIsSilent) {

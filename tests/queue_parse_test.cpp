@@ -104,14 +104,7 @@ TEST(QueueReader, AnUnfinishedLastLineWaitsForItsWriterUnlessTheWriterIsDone) {
   close(fd);
 }
 
-// The tick decisions; the loop itself runs in DaemonLifecycle.NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne.
-TEST(Debounce, ARunOnlyAfterAWholeQuietSleepFollowingASignal) {
-  EXPECT_EQ(DecideTick(0, 0), TickAction::kNone);
-  EXPECT_EQ(DecideTick(0, 1), TickAction::kSetDirty);
-  EXPECT_EQ(DecideTick(1, 1), TickAction::kClearNewSignal) << "a signal during the sleep postpones the run";
-  EXPECT_EQ(DecideTick(1, 0), TickAction::kRunQueue);
-}
-
+// The debounce itself runs in DaemonLifecycle.NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne.
 TEST(Debounce, VacuumOnlyAfterStrictlyMoreThanTwelveHoursAndSignalCeiling) {
   const time_t last = 1'000'000;
   EXPECT_FALSE(VacuumDue(last + 12 * 3600, last));

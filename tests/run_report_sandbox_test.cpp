@@ -92,11 +92,11 @@ TEST_F(RunStatusReport, MidRunFiguresStayConsistentAndTheSummaryMatchesTheRows) 
     }
     if (status->secondsLeft >= 0) ++withTimeLeft;
     if (!checkedClient && run.linesDone > 0 && run.filesIndexed > 0) {
-      // Held still, the daemon's file and the client's two forms must tell the same.
+      // Held still, the daemon's file and the client must tell the same (the text form is the same
+      // snapshot, formatted as status_report_test checks).
       ASSERT_EQ(kill(pid_, SIGSTOP), 0);
       status = Published();
       JsonValue json = ClientJson({kClient, "status", "--json"});
-      CommandResult text = RunCommand({kClient, "status"});
       ASSERT_EQ(kill(pid_, SIGCONT), 0);
       ASSERT_TRUE(status && status->running);
       EXPECT_EQ(json["state"].text, "running");
@@ -109,14 +109,6 @@ TEST_F(RunStatusReport, MidRunFiguresStayConsistentAndTheSummaryMatchesTheRows) 
       EXPECT_EQ(Count(live["failures"]), status->run.failures);
       EXPECT_EQ(live["path"].text, status->path);
       EXPECT_EQ(live["seconds_left"].IsNull(), status->secondsLeft < 0);
-      EXPECT_NE(text.output.find("run: " + std::to_string(status->run.linesDone) + " of " +
-                                 std::to_string(totalLines) + " queue lines, " +
-                                 std::to_string(status->run.filesIndexed) + " files indexed"),
-                std::string::npos)
-          << text.output;
-      if (!status->path.empty()) {
-        EXPECT_NE(text.output.find("file: " + status->path + "\n"), std::string::npos) << text.output;
-      }
       checkedClient = true;
     }
     std::this_thread::sleep_for(2ms);
@@ -269,8 +261,8 @@ TEST_F(FailureList, EachDamagedFileOnceWithTheMessageLoggedForItAndNoOrdinaryFil
   }
 }
 
-// More failures than the record keeps: the newest thousand are listed, the file is compacted
-// before it passes twice that, and both outlive a restart; a new failure comes first.
+// More failures than the record keeps: the newest thousand are listed (how the file is compacted is
+// failure_record_test's), and they outlive a restart; a new failure comes first.
 TEST_F(FailureList, RecordKeepsTheNewestThousandAndSurvivesARestart) {
   StartIdle();
   const std::string folder = kMusic + "/junk";
@@ -281,10 +273,6 @@ TEST_F(FailureList, RecordKeepsTheNewestThousandAndSurvivesARestart) {
   EXPECT_EQ(RecordLines(), static_cast<size_t>(kJunk));
   std::vector<FailureEntry> first = Listed();
   EXPECT_EQ(first.size(), kFailureRecordKeep);
-  Run({"A:" + folder});
-  EXPECT_LT(RecordLines(), 2 * kFailureRecordKeep);
-  EXPECT_GE(RecordLines(), kFailureRecordKeep);
-  EXPECT_EQ(Listed().size(), kFailureRecordKeep);
 
   ASSERT_GE(StopDaemon(pid_), 0);
   pid_ = StartDaemon(kFastClock);

@@ -231,6 +231,28 @@ bool WriteJpeg(const std::string& path) {
   return system(cmd.c_str()) == 0;
 }
 
+void CrossLink(const std::string& share, const std::vector<std::string>& names) {
+  for (const std::string& name : names) fs::create_directories(share + "/" + name);
+  for (const std::string& name : names) {
+    for (const std::string& other : names)
+      if (other != name) fs::create_directory_symlink("../" + other, share + "/" + name + "/to_" + other);
+    fs::create_directory_symlink("..", share + "/" + name + "/up");
+  }
+}
+
+int MakeFolderChain(const std::string& top, size_t length, std::string* deepest) {
+  *deepest = top;
+  int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  while (fd >= 0 && deepest->size() < length) {
+    const std::string name(std::min<size_t>(length - deepest->size() - 1, 200), 'd');
+    const int next = mkdirat(fd, name.c_str(), 0755) == 0 ? openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    close(fd);
+    fd = next;
+    *deepest += "/" + name;
+  }
+  return fd;
+}
+
 std::multiset<std::string> Column(const std::string& dbFile, const std::string& sql) {
   std::multiset<std::string> out;
   for (const auto& row : QuerySqlite(dbFile, sql)) out.insert(row.at(0));

@@ -63,6 +63,13 @@ std::multiset<std::string> Column(const std::string& dbFile, const std::string& 
 std::string ReadFile(const std::string& path);
 // A small red JPEG at `path`, made by ffmpeg; false when it could not be made.
 bool WriteJpeg(const std::string& path);
+// `names` as folders of `share`, each holding a link to every other one ("to_<name>", relative) and
+// one to the share itself ("up").
+void CrossLink(const std::string& share, const std::vector<std::string>& names);
+// Nests folders of up to 200 bytes under the existing folder `top` until the deepest one's path is
+// `length` bytes long (no path call could reach it); that path in `deepest` and an open descriptor on
+// the folder, else -1.
+int MakeFolderChain(const std::string& top, size_t length, std::string* deepest);
 
 // Skips outside the sandbox; the daemon the test started must end on SIGTERM.
 class DaemonSandboxTest : public ::testing::Test {
