@@ -12,6 +12,7 @@
 
 #include "platform/log.h"
 #include "platform/text_encoding.h"
+#include "platform/read_advice.h"
 
 const char* const kId3Genres[kId3GenreCount] = {
     "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop", "Jazz",
@@ -411,6 +412,7 @@ int ReadMp3Info(const char* path, MediaInfo* rec) {
   // stream's buffer and position are never used, so the length is taken
   // from the descriptor in one call.
   setvbuf(file.get(), nullptr, _IONBF, 0);
+  AdviseFewReads(fileno(file.get()));  // head, first frames and the 128-byte tail
   int64_t length = lseek(fileno(file.get()), 0, SEEK_END);
   if (length < 0) {
     ORVO_LOG("%s (%d) Unable to seek to end %s ", path);

@@ -20,6 +20,7 @@ extern "C" {
 #include "meta/probe_helper.h"
 #include "meta/probe_tuning.h"
 #include "platform/log.h"
+#include "platform/read_advice.h"
 #include "platform/text_encoding.h"
 
 // The 16-bit and 8-bit PCM codec ids are the same numbers in libavcodec 59
@@ -353,6 +354,9 @@ int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
     ORVO_LOG("%s (%d) Failed to av_open_input_file() file [%s].", path);
     return -1;
   }
+  // The advice holds for the open file, so the helper's reads through this
+  // descriptor read no more than libavformat asks for.
+  AdviseFewReads(fd);
   int result = ProbeInHelper(fd, path, info, mode);
   close(fd);
   return result;
