@@ -192,14 +192,32 @@ bool DropCaches() {
   return static_cast<bool>(drop);
 }
 
+// Read requests the machine's disks have completed (whole devices only, from
+// /proc/diskstats): counts every process's, so only meaningful when nothing
+// else reads from the disk meanwhile.
+long long DiskReadRequests() {
+  std::ifstream stats("/proc/diskstats");
+  std::string line;
+  long long total = 0;
+  while (std::getline(stats, line)) {
+    char name[64];
+    long long major, minor, reads;
+    if (sscanf(line.c_str(), "%lld %lld %63s %lld", &major, &minor, name, &reads) != 4) continue;
+    if (fs::exists(std::string("/sys/block/") + name + "/device")) total += reads;
+  }
+  return total;
+}
+
 // One pass after the page cache was dropped: files/s, disk bytes per file,
-// and of those the bytes of the files themselves.
+// of those the bytes of the files themselves, and disk read requests per file.
 bool ColdPass(const std::vector<std::string>& files, const std::function<int(const char*)>& fn, double* rate,
-              double* bytes, double* file_bytes) {
+              double* bytes, double* file_bytes, double* requests) {
   if (!DropCaches()) return false;
   long long before = ProcIo("read_bytes");
+  long long requests_before = DiskReadRequests();
   *rate = files.size() / Pass(files, fn, true);
   *bytes = static_cast<double>(ProcIo("read_bytes") - before) / files.size();
+  *requests = static_cast<double>(DiskReadRequests() - requests_before) / files.size();
   long long resident = 0;
   for (const auto& f : files) resident += ResidentBytes(f);
   *file_bytes = static_cast<double>(resident) / files.size();
@@ -340,9 +358,11 @@ int main(int argc, char** argv) {
     if (cold) {
       std::string row = std::string("| ") + f.name;
       for (int i = 0; i < 3; ++i) {
-        double rate = 0, disk = 0, of_files = 0;
-        if (!ColdPass(files, columns[i], &rate, &disk, &of_files)) break;
-        row += " | " + std::to_string(static_cast<long>(rate)) + " | " + Kib(disk) + " | " + Kib(of_files);
+        double rate = 0, disk = 0, of_files = 0, requests = 0;
+        if (!ColdPass(files, columns[i], &rate, &disk, &of_files, &requests)) break;
+        char reqs[32];
+        snprintf(reqs, sizeof reqs, "%.1f", requests);
+        row += " | " + std::to_string(static_cast<long>(rate)) + " | " + Kib(disk) + " | " + Kib(of_files) + " | " + reqs;
       }
       cold_rows.push_back(row + " |");
     }
@@ -350,9 +370,10 @@ int main(int argc, char** argv) {
   if (cold) {
     printf("\nCold: one pass per column after `sync; echo 3 > /proc/sys/vm/drop_caches` (only meaningful on an "
            "otherwise idle machine); files/s, KiB read from the disk per file (the probe helper's included) and of "
-           "those the KiB of the file itself (in the page cache after the pass: read-ahead included)\n\n");
-    printf("| format | ours | KiB | of file | floor | KiB | of file | library alone | KiB | of file |\n"
-           "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+           "those the KiB of the file itself (in the page cache after the pass: read-ahead included), and the disk's "
+           "read requests per file (the whole machine's)\n\n");
+    printf("| format | ours | KiB | of file | requests | floor | KiB | of file | requests | library alone | KiB | "
+           "of file | requests |\n|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     for (const auto& row : cold_rows) printf("%s\n", row.c_str());
   }
   if (own_dir) fs::remove_all(dir);
