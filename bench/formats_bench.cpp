@@ -3,7 +3,7 @@
 // 16 KiB, close) and the library alone on the same files, with the bytes
 // each of them asks the kernel for per file.
 //
-//   formats_bench [copies-per-format] [scratch-folder] [--cold] [--only NAME]
+//   formats_bench [copies-per-format] [scratch-folder] [--cold] [--only NAME] [--ours-only]
 //
 // The files are made with ffmpeg into the scratch folder (default: a new
 // folder under /tmp, removed afterwards); files already in a given folder
@@ -246,11 +246,14 @@ int main(int argc, char** argv) {
   int copies = 100;
   std::string dir, only;
   bool cold = false;
+  bool ours_only = false;  // leave out the floor and library columns
   std::vector<std::string> positional;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--cold") {
       cold = true;
+    } else if (arg == "--ours-only") {
+      ours_only = true;
     } else if (arg == "--only" && i + 1 < argc) {
       only = argv[++i];
     } else {
@@ -348,16 +351,18 @@ int main(int argc, char** argv) {
       files.push_back(p);
     }
     std::vector<std::function<int(const char*)>> columns = {f.ours, Floor, f.library};
+    if (ours_only) columns.resize(1);
+    const size_t count = columns.size();
     double best[3] = {0, 0, 0};
     Measure(files, columns, best);
-    double bytes[3];
-    for (int i = 0; i < 3; ++i) bytes[i] = BytesPerFile(files, columns[i]);
+    double bytes[3] = {0, 0, 0};
+    for (size_t i = 0; i < count; ++i) bytes[i] = BytesPerFile(files, columns[i]);
     printf("| %s | %.0f | %.0f | %.0f | %s | %s | %s | %s |\n", f.name, best[0], best[1], best[2], f.library_name,
            Kib(bytes[0]).c_str(), Kib(bytes[1]).c_str(), Kib(bytes[2]).c_str());
     fflush(stdout);
     if (cold) {
       std::string row = std::string("| ") + f.name;
-      for (int i = 0; i < 3; ++i) {
+      for (size_t i = 0; i < count; ++i) {
         double rate = 0, disk = 0, of_files = 0, requests = 0;
         if (!ColdPass(files, columns[i], &rate, &disk, &of_files, &requests)) break;
         char reqs[32];

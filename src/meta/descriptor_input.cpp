@@ -13,6 +13,8 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
+#include "platform/read_advice.h"
+
 namespace {
 
 ssize_t ReadAt(int fd, uint8_t* out, int64_t count, int64_t at) {
@@ -49,6 +51,10 @@ int DescriptorInputRead(void* opaque, uint8_t* buf, int size) {
     in->run_size = n;
     in->read_end = at + n;
     if (n == 0) return AVERROR_EOF;
+    // The next refill goes to the disk now, while this one is parsed: a run
+    // keeps the overlap kernel read-ahead gave it, one refill deep.
+    if (n == in->run_read)
+      AdviseWillRead(in->fd, in->read_end, std::min(in->run_read * 2, kLongestRunRead));
   }
   const int64_t n = std::min<int64_t>(size, in->run_start + in->run_size - at);
   memcpy(buf, in->run.get() + (at - in->run_start), static_cast<size_t>(n));

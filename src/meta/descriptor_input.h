@@ -8,7 +8,8 @@
 // demuxer that reads on from where it stopped (an MPEG stream's analysis)
 // would then pay one disk request per buffer; instead such a run is read in
 // refills that double from kFirstRunRead up to kLongestRunRead and are handed
-// out from `run`, so it costs a few requests and at most one refill unread.
+// out from `run`; each refill asks for the next ahead of time. A run costs a
+// few requests, overlapped with the parsing, and at most two refills unread.
 #pragma once
 
 #include <cstdint>
