@@ -51,9 +51,10 @@ int DescriptorInputRead(void* opaque, uint8_t* buf, int size) {
     in->run_size = n;
     in->read_end = at + n;
     if (n == 0) return AVERROR_EOF;
-    // The next refill goes to the disk now, while this one is parsed: a run
-    // keeps the overlap kernel read-ahead gave it, one refill deep.
-    if (n == in->run_read)
+    // From a run's second refill on, the next one goes to the disk now,
+    // while this one is parsed: a long run keeps the overlap kernel
+    // read-ahead gave it, one refill deep; a short one asks for nothing more.
+    if (n == in->run_read && in->run_read > kFirstRunRead)
       AdviseWillRead(in->fd, in->read_end, std::min(in->run_read * 2, kLongestRunRead));
   }
   const int64_t n = std::min<int64_t>(size, in->run_start + in->run_size - at);

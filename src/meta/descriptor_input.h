@@ -8,8 +8,9 @@
 // demuxer that reads on from where it stopped (an MPEG stream's analysis)
 // would then pay one disk request per buffer; instead such a run is read in
 // refills that double from kFirstRunRead up to kLongestRunRead and are handed
-// out from `run`; each refill asks for the next ahead of time. A run costs a
-// few requests, overlapped with the parsing, and at most two refills unread.
+// out from `run`; from its second refill on, each asks for the next ahead of
+// time. A run costs a few requests, overlapped with the parsing, and at most
+// two refills unread.
 #pragma once
 
 #include <cstdint>
