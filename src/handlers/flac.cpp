@@ -2,10 +2,10 @@
 // stream decoder, metadata only. Removal goes through the generic audio remover.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <FLAC/metadata.h>
 #include <FLAC/stream_decoder.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>

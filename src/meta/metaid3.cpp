@@ -11,8 +11,8 @@
 #include <memory>
 
 #include "platform/log.h"
-#include "platform/text_encoding.h"
 #include "platform/read_advice.h"
+#include "platform/text_encoding.h"
 
 const char* const kId3Genres[kId3GenreCount] = {
     "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop", "Jazz",
