@@ -3,7 +3,7 @@
 // 16 KiB, close) and the library alone on the same files, with the bytes
 // each of them asks the kernel for per file.
 //
-//   formats_bench [copies-per-format] [scratch-folder] [--cold] [--only NAME]
+//   formats_bench [copies-per-format] [scratch-folder] [--cold] [--only NAME] [--ours-only]
 //
 // The files are made with ffmpeg into the scratch folder (default: a new
 // folder under /tmp, removed afterwards); files already in a given folder
@@ -15,6 +15,7 @@
 // reports its rate and the bytes read from the disk.
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -35,10 +36,14 @@ extern "C" {
 }
 
 #include "handlers/formats.h"
+#include "meta/exif.h"
+#include "meta/metaid3.h"
 #include "meta/metamedia.h"
 #include "meta/probe_helper.h"
+#include "platform/media_db.h"
 #include "platform/log.h"
 #include "platform/media_info.h"
+#include "platform/photo_info.h"
 
 namespace fs = std::filesystem;
 
@@ -87,15 +92,46 @@ int LibFlac(const char* path) {
   return 0;
 }
 
-// A counter of this process's /proc/self/io: "rchar" is every byte read()
-// returned, page cache or not; "read_bytes" what had to come from the disk.
-long long ProcIo(const char* key) {
-  std::ifstream io("/proc/self/io");
+// A counter of /proc/PID/io: "rchar" is every byte read() returned, page
+// cache or not; "read_bytes" what had to come from the disk.
+long long ProcIoOf(const std::string& file, const char* key) {
+  std::ifstream io(file);
   std::string name;
   long long value = 0;
   while (io >> name >> value)
     if (name == std::string(key) + ":") return value;
-  return -1;
+  return 0;
+}
+
+// This process's counter plus the probe helper's, which reads the files the
+// generic probe is given.
+long long ProcIo(const char* key) {
+  long long total = ProcIoOf("/proc/self/io", key);
+  pid_t pid = ProbeHelperPid();
+  if (pid > 0) total += ProcIoOf("/proc/" + std::to_string(pid) + "/io", key);
+  return total;
+}
+
+// Bytes of the file that are in the page cache: after a cold pass, what the
+// pass made the disk read of the file itself (read-ahead included), apart
+// from the libraries and the program that were loaded.
+long long ResidentBytes(const std::string& path) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  struct stat st;
+  long long resident = 0;
+  if (fstat(fd, &st) == 0 && st.st_size > 0) {
+    void* map = mmap(nullptr, st.st_size, PROT_READ, MAP_SHARED, fd, 0);
+    if (map != MAP_FAILED) {
+      const long page = sysconf(_SC_PAGESIZE);
+      std::vector<unsigned char> pages((st.st_size + page - 1) / page);
+      if (mincore(map, st.st_size, pages.data()) == 0)
+        for (unsigned char p : pages) resident += (p & 1) ? page : 0;
+      munmap(map, st.st_size);
+    }
+  }
+  close(fd);
+  return resident;
 }
 
 double Seconds(clockid_t clock) {
@@ -156,13 +192,35 @@ bool DropCaches() {
   return static_cast<bool>(drop);
 }
 
-// One pass after the page cache was dropped: files/s and disk bytes per file.
+// Read requests the machine's disks have completed (whole devices only, from
+// /proc/diskstats): counts every process's, so only meaningful when nothing
+// else reads from the disk meanwhile.
+long long DiskReadRequests() {
+  std::ifstream stats("/proc/diskstats");
+  std::string line;
+  long long total = 0;
+  while (std::getline(stats, line)) {
+    char name[64];
+    long long major, minor, reads;
+    if (sscanf(line.c_str(), "%lld %lld %63s %lld", &major, &minor, name, &reads) != 4) continue;
+    if (fs::exists(std::string("/sys/block/") + name + "/device")) total += reads;
+  }
+  return total;
+}
+
+// One pass after the page cache was dropped: files/s, disk bytes per file,
+// of those the bytes of the files themselves, and disk read requests per file.
 bool ColdPass(const std::vector<std::string>& files, const std::function<int(const char*)>& fn, double* rate,
-              double* bytes) {
+              double* bytes, double* file_bytes, double* requests) {
   if (!DropCaches()) return false;
   long long before = ProcIo("read_bytes");
+  long long requests_before = DiskReadRequests();
   *rate = files.size() / Pass(files, fn, true);
   *bytes = static_cast<double>(ProcIo("read_bytes") - before) / files.size();
+  *requests = static_cast<double>(DiskReadRequests() - requests_before) / files.size();
+  long long resident = 0;
+  for (const auto& f : files) resident += ResidentBytes(f);
+  *file_bytes = static_cast<double>(resident) / files.size();
   return true;
 }
 
@@ -173,6 +231,7 @@ struct Format {
   std::function<int(const char*)> ours;
   std::function<int(const char*)> library;
   const char* library_name;
+  std::string after = {};  // a shell command run on the made file, {} its path
 };
 
 std::string Kib(double bytes) {
@@ -187,11 +246,14 @@ int main(int argc, char** argv) {
   int copies = 100;
   std::string dir, only;
   bool cold = false;
+  bool ours_only = false;  // leave out the floor and library columns
   std::vector<std::string> positional;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--cold") {
       cold = true;
+    } else if (arg == "--ours-only") {
+      ours_only = true;
     } else if (arg == "--only" && i + 1 < argc) {
       only = argv[++i];
     } else {
@@ -218,8 +280,25 @@ int main(int argc, char** argv) {
   auto fill = [&](int (*f)(const char*, MediaInfo*)) {
     return [f, &scratch](const char* p) { return f(p, &scratch); };
   };
+  auto mp3 = [&scratch](const char* p) {
+    scratch = MediaInfo{};
+    return ReadMp3Info(p, &scratch);
+  };
+  // What the photo indexer reads of a JPEG: the EXIF block, then the size.
+  auto picture = [](const char* p) {
+    PhotoInfo photo = {};
+    snprintf(photo.path, sizeof photo.path, "%s", p);
+    ReadExifInfo(&photo);
+    int width = 0, height = 0;
+    return ORVOIndexImgResGet(p, &width, &height);
+  };
   auto generic = [&](int type) { return [type, &scratch](const char* p) { return FillMediaRecord(p, type, &scratch); }; };
   std::vector<Format> formats = {
+      {"MP3 (ID3v2 and v1)", audio + "-c:a libmp3lame -b:a 192k -id3v2_version 3 -write_id3v1 1 -metadata title=T "
+       "-metadata artist=A", "mp3", mp3, LibavProbe, "libavformat probe"},
+      {"JPEG (EXIF)", video + "-frames:v 1 -vf scale=2048:1536 -q:v 3", "jpg", picture, LibavProbe,
+       "libavformat probe",
+       "exiftool -q -overwrite_original -Make=Cam -Model=M1 -ISO=200 -DateTimeOriginal='2020:01:02 03:04:05' {}"},
       {"FLAC", audio + "-c:a flac -metadata TITLE=T -metadata ARTIST=A", "flac", fill(FillFlacRecord), LibFlac,
        "libFLAC metadata"},
       {"AIFF", audio + "-c:a pcm_s16be", "aiff", fill(FillAiffRecord), LibavProbe, "libavformat probe"},
@@ -256,9 +335,14 @@ int main(int argc, char** argv) {
   for (const Format& f : formats) {
     if (!only.empty() && only != f.ext) continue;
     std::string first = dir + "/0." + f.ext;
-    if (!fs::exists(first) && !Ffmpeg(f.make, first)) {
-      fprintf(stderr, "ffmpeg could not make %s\n", first.c_str());
-      continue;
+    if (!fs::exists(first)) {
+      if (!Ffmpeg(f.make, first)) {
+        fprintf(stderr, "ffmpeg could not make %s\n", first.c_str());
+        continue;
+      }
+      std::string after = f.after;
+      if (size_t at = after.find("{}"); at != std::string::npos) after.replace(at, 2, "'" + first + "'");
+      if (!after.empty() && system(after.c_str()) != 0) fprintf(stderr, "could not run %s\n", after.c_str());
     }
     std::vector<std::string> files = {first};
     for (int i = 1; i < copies; ++i) {
@@ -267,27 +351,34 @@ int main(int argc, char** argv) {
       files.push_back(p);
     }
     std::vector<std::function<int(const char*)>> columns = {f.ours, Floor, f.library};
+    if (ours_only) columns.resize(1);
+    const size_t count = columns.size();
     double best[3] = {0, 0, 0};
     Measure(files, columns, best);
-    double bytes[3];
-    for (int i = 0; i < 3; ++i) bytes[i] = BytesPerFile(files, columns[i]);
+    double bytes[3] = {0, 0, 0};
+    for (size_t i = 0; i < count; ++i) bytes[i] = BytesPerFile(files, columns[i]);
     printf("| %s | %.0f | %.0f | %.0f | %s | %s | %s | %s |\n", f.name, best[0], best[1], best[2], f.library_name,
            Kib(bytes[0]).c_str(), Kib(bytes[1]).c_str(), Kib(bytes[2]).c_str());
     fflush(stdout);
     if (cold) {
       std::string row = std::string("| ") + f.name;
-      for (int i = 0; i < 3; ++i) {
-        double rate = 0, disk = 0;
-        if (!ColdPass(files, columns[i], &rate, &disk)) break;
-        row += " | " + std::to_string(static_cast<long>(rate)) + " | " + Kib(disk);
+      for (size_t i = 0; i < count; ++i) {
+        double rate = 0, disk = 0, of_files = 0, requests = 0;
+        if (!ColdPass(files, columns[i], &rate, &disk, &of_files, &requests)) break;
+        char reqs[32];
+        snprintf(reqs, sizeof reqs, "%.1f", requests);
+        row += " | " + std::to_string(static_cast<long>(rate)) + " | " + Kib(disk) + " | " + Kib(of_files) + " | " + reqs;
       }
       cold_rows.push_back(row + " |");
     }
   }
   if (cold) {
     printf("\nCold: one pass per column after `sync; echo 3 > /proc/sys/vm/drop_caches` (only meaningful on an "
-           "otherwise idle machine); files/s and KiB read from the disk per file\n\n");
-    printf("| format | ours | KiB | floor | KiB | library alone | KiB |\n|---|---:|---:|---:|---:|---:|---:|\n");
+           "otherwise idle machine); files/s, KiB read from the disk per file (the probe helper's included) and of "
+           "those the KiB of the file itself (in the page cache after the pass: read-ahead included), and the disk's "
+           "read requests per file (the whole machine's)\n\n");
+    printf("| format | ours | KiB | of file | requests | floor | KiB | of file | requests | library alone | KiB | "
+           "of file | requests |\n|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     for (const auto& row : cold_rows) printf("%s\n", row.c_str());
   }
   if (own_dir) fs::remove_all(dir);

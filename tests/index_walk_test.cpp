@@ -1,6 +1,8 @@
 // Handler lookup, the recycle bin, and folder walks on each backend (rows, link loops, long paths).
 #include <fcntl.h>
 
+#include <fstream>
+
 #include "index/handler_table.h"
 #include "index/index.h"
 #include "platform/share_paths.h"
@@ -109,6 +111,28 @@ TEST_P(IndexWalk, PathsAtTheBufferLimitEndTheWalk) {
   const auto rows = Walk();
   EXPECT_TRUE(rows.count(path.substr(share_.size() + 1)));
   EXPECT_LT(rows.size(), 40u);
+}
+
+// The walk lists a folder some entries ahead of the one it indexes: every file still gets its one row
+// when folders, each holding more entries than are listed ahead, come between them.
+TEST_P(IndexWalk, EveryFileOfFoldersLongerThanTheListedWindowGetsItsRow) {
+  std::set<std::string> expected;
+  for (const std::string folder : {"", "a/", "a/deep/", "b/", "c/"}) {
+    fs::create_directories(share_ + "/" + folder);
+    for (int i = 0; i < 13; ++i) {
+      const std::string name = folder + "f" + std::to_string(i) + (i % 3 == 0 ? ".jpg" : ".m3u");
+      std::ofstream(share_ + "/" + name) << "#EXTM3U\n";
+      expected.insert(name);
+    }
+    std::ofstream(share_ + "/" + folder + "notes.txt") << "no handler\n";
+  }
+  Walk();
+  std::set<std::string> rows;
+  for (const char* table : {"playlist", "photo"}) {
+    std::istringstream in(orvo::test::QueryAll(OrvoDatabase::kMedia, std::string("select path from ") + table));
+    for (std::string path; std::getline(in, path);) EXPECT_TRUE(rows.insert(path.substr(share_.size() + 1)).second) << path;
+  }
+  EXPECT_EQ(rows, expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, IndexWalk, ::testing::ValuesIn(orvo::test::DatabaseBackends()));

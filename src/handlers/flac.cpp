@@ -1,10 +1,14 @@
 // FLAC files: stream information and Vorbis comments through libFLAC's
-// metadata interface. Removal goes through the generic audio remover.
+// stream decoder, metadata only. Removal goes through the generic audio remover.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <FLAC/metadata.h>
+#include <FLAC/stream_decoder.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -15,6 +19,7 @@
 #include "handlers/record_defaults.h"
 #include "platform/log.h"
 #include "platform/media_db.h"
+#include "platform/read_advice.h"
 #include "platform/system.h"
 
 namespace {
@@ -23,6 +28,81 @@ struct FlacMetadataDeleter {
   void operator()(FLAC__StreamMetadata* block) const { FLAC__metadata_object_delete(block); }
 };
 using FlacMetadata = std::unique_ptr<FLAC__StreamMetadata, FlacMetadataDeleter>;
+
+struct FlacDecoderDeleter {
+  void operator()(FLAC__StreamDecoder* decoder) const {
+    (void)FLAC__stream_decoder_finish(decoder);  // closes the stream it was given
+    FLAC__stream_decoder_delete(decoder);
+  }
+};
+using FlacDecoder = std::unique_ptr<FLAC__StreamDecoder, FlacDecoderDeleter>;
+
+struct FileCloser {
+  void operator()(FILE* file) const { fclose(file); }
+};
+using FileHandle = std::unique_ptr<FILE, FileCloser>;
+
+// Where a file's metadata usually ends: STREAMINFO, the comments, a seek
+// table and the customary 8 KiB of padding.
+constexpr off_t kMetadataReadAhead = 16384;
+
+// What one metadata pass collects: the first block of the type asked for.
+struct BlockSearch {
+  bool got_error = false;
+  FlacMetadata block;
+};
+
+FLAC__StreamDecoderWriteStatus IgnoreFrame(const FLAC__StreamDecoder*, const FLAC__Frame*, const FLAC__int32* const[],
+                                           void*) {
+  return FLAC__STREAM_DECODER_WRITE_STATUS_CONTINUE;
+}
+
+void KeepBlock(const FLAC__StreamDecoder*, const FLAC__StreamMetadata* metadata, void* data) {
+  auto* search = static_cast<BlockSearch*>(data);
+  if (search->got_error || search->block) return;
+  search->block.reset(FLAC__metadata_object_clone(metadata));
+  if (!search->block) search->got_error = true;
+}
+
+void NoteError(const FLAC__StreamDecoder*, FLAC__StreamDecoderErrorStatus status, void* data) {
+  if (status != FLAC__STREAM_DECODER_ERROR_STATUS_LOST_SYNC) static_cast<BlockSearch*>(data)->got_error = true;
+}
+
+// The first metadata block of `type`, read from the start of `file` through
+// a stream of its own on a duplicate of its descriptor; null when the
+// metadata cannot be read to its end or holds no such block. The same
+// outcome as libFLAC's FLAC__metadata_get_streaminfo and _get_tags, which
+// open the file by name each time: this reads through the descriptor the
+// handler opened and advised, and the second pass finds its pages cached.
+FlacMetadata ReadOneBlock(FILE* file, FLAC__MetadataType type) {
+  int fd = fcntl(fileno(file), F_DUPFD_CLOEXEC, 0);
+  if (fd < 0) return nullptr;
+  FILE* stream = fdopen(fd, "rb");
+  if (stream == nullptr) {
+    close(fd);
+    return nullptr;
+  }
+  if (fseeko(stream, 0, SEEK_SET) != 0) {
+    fclose(stream);
+    return nullptr;
+  }
+  FlacDecoder decoder(FLAC__stream_decoder_new());
+  if (!decoder) {
+    fclose(stream);
+    return nullptr;
+  }
+  FLAC__stream_decoder_set_md5_checking(decoder.get(), false);
+  FLAC__stream_decoder_set_metadata_ignore_all(decoder.get());
+  FLAC__stream_decoder_set_metadata_respond(decoder.get(), type);
+  BlockSearch search;
+  // From here the decoder owns the stream, also when its start fails.
+  if (FLAC__stream_decoder_init_FILE(decoder.get(), stream, IgnoreFrame, KeepBlock, NoteError, &search) !=
+          FLAC__STREAM_DECODER_INIT_STATUS_OK ||
+      search.got_error)
+    return nullptr;
+  if (!FLAC__stream_decoder_process_until_end_of_metadata(decoder.get()) || search.got_error) return nullptr;
+  return std::move(search.block);
+}
 
 // The comment's value when it starts with `key` (which ends in '='), case
 // ignored, and holds something after it.
@@ -64,12 +144,20 @@ int ReadFlacInfo(const char* path, MediaInfo* info) {
     ORVO_LOG("%s (%d) Stat file error: %s.", path);
     return -1;
   }
-  FLAC__StreamMetadata streaminfo;
-  if (!FLAC__metadata_get_streaminfo(path, &streaminfo)) {
+  FileHandle file(fopen(path, "rbe"));
+  if (file) {
+    // The metadata blocks at the head only, asked for at once: libFLAC reads
+    // them through stdio in 4 KiB pieces, each of which would otherwise wait
+    // for the disk in turn.
+    AdviseFewReads(fileno(file.get()));
+    AdviseWillRead(fileno(file.get()), 0, kMetadataReadAhead);
+  }
+  FlacMetadata streaminfo = file ? ReadOneBlock(file.get(), FLAC__METADATA_TYPE_STREAMINFO) : nullptr;
+  if (!streaminfo) {
     ORVO_LOG("%s (%d) Can't get Flac stream info: %s.", path);
     return -1;
   }
-  const FLAC__StreamMetadata_StreamInfo& si = streaminfo.data.stream_info;
+  const FLAC__StreamMetadata_StreamInfo& si = streaminfo->data.stream_info;
   info->channels = static_cast<int32_t>(si.channels);
   info->frequency = static_cast<int32_t>(si.sample_rate);
   info->duration = 0;
@@ -87,12 +175,11 @@ int ReadFlacInfo(const char* path, MediaInfo* info) {
     }
   }
 
-  FLAC__StreamMetadata* raw_tags = nullptr;
-  if (!FLAC__metadata_get_tags(path, &raw_tags)) {
+  FlacMetadata tags = ReadOneBlock(file.get(), FLAC__METADATA_TYPE_VORBIS_COMMENT);
+  if (!tags) {
     ORVO_LOG("%s (%d) Can't get Flac comment tags: %s.", path);
     return -1;
   }
-  FlacMetadata tags(raw_tags);
   const FLAC__StreamMetadata_VorbisComment& vc = tags->data.vorbis_comment;
   for (uint32_t i = 0; i < vc.num_comments; ++i) {
     const FLAC__StreamMetadata_VorbisComment_Entry& e = vc.comments[i];

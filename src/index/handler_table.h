@@ -2,12 +2,19 @@
 // chosen by the file-name extension alone, never by the file's contents.
 #pragma once
 
+#include <cstdint>
+
 #include "handlers/handlers.h"
 
 struct MediaHandlerRow {
   const char* extension;  // lower case, without the dot; null ends the table
   MediaHandler index;
   MediaHandler remove;
+  // What the index handler reads of a typical file: its first head_kib and
+  // last tail_kib KiB. The walk asks for them a few files ahead, so the disk
+  // reads them while the files before are parsed; 0 and 0 asks for nothing.
+  uint16_t head_kib;
+  uint16_t tail_kib;
 };
 
 // The rows in their fixed order; the row numbers matter to IsVideoExtension.

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/read_advice.h"
+
 struct AiffFile {
   FILE* file = nullptr;
   const uint8_t* data = nullptr;
@@ -131,6 +133,7 @@ AiffHandle AiffOpen(const char* path, const char* mode) {
   AiffHandle f(new AiffFile);
   f->file = fopen(path, "rb");
   if (f->file == nullptr) return nullptr;
+  AdviseFewReads(fileno(f->file));  // the header chunks only
   return Finish(std::move(f));
 }
 

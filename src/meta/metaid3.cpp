@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "platform/log.h"
+#include "platform/read_advice.h"
 #include "platform/text_encoding.h"
 
 const char* const kId3Genres[kId3GenreCount] = {
@@ -397,6 +398,10 @@ int ReadMp3InfoFromReader(ByteReader* reader, const char* name, MediaInfo* rec) 
   return 0;
 }
 
+// The head an MP3 file's reads are expected to cover: the reader's buffer and
+// the VBR header range after an ID3v2 tag of up to 4 KiB.
+constexpr off_t kHeadReadAhead = 24576;
+
 int ReadMp3Info(const char* path, MediaInfo* rec) {
   if (path == nullptr || rec == nullptr) {
     ORVO_LOG("%s (%d) Bad parameters.");
@@ -416,6 +421,12 @@ int ReadMp3Info(const char* path, MediaInfo* rec) {
     ORVO_LOG("%s (%d) Unable to seek to end %s ", path);
     return -1;
   }
+  // The reads are the 128-byte tail, the head and, after a tag of a few KiB,
+  // the rest of the first frame's VBR header range (20000 bytes after the
+  // tag): the head's bytes are asked for before the tail is read, so both go
+  // to the disk at once, and nothing else is read around them.
+  AdviseFewReads(fileno(file.get()));
+  AdviseWillRead(fileno(file.get()), 0, kHeadReadAhead);
   ByteReader reader;  // the buffer needs no zeroing: nothing is cached yet
   ByteReaderAttachFile(&reader, file.get(), length);
   return ReadMp3InfoFromReader(&reader, path, rec);

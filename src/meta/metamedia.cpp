@@ -11,15 +11,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <memory>
 #include <string>
 
 extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "meta/descriptor_input.h"
 #include "meta/probe_helper.h"
 #include "meta/probe_tuning.h"
 #include "platform/log.h"
+#include "platform/read_advice.h"
 #include "platform/text_encoding.h"
 
 // The 16-bit and 8-bit PCM codec ids are the same numbers in libavcodec 59
@@ -145,41 +148,6 @@ int64_t AudioBitRate(const AVCodecParameters* par) {
   return par->bit_rate;
 }
 
-// The input is read through the descriptor the probe was handed, at offsets
-// of its own: libavformat gets no file name it could open.
-struct DescriptorInput {
-  int fd;
-  int64_t position;
-};
-
-int ReadDescriptor(void* opaque, uint8_t* buf, int size) {
-  auto* in = static_cast<DescriptorInput*>(opaque);
-  ssize_t n;
-  do {
-    n = pread(in->fd, buf, static_cast<size_t>(size), in->position);
-  } while (n < 0 && errno == EINTR);
-  if (n < 0) return AVERROR(errno);
-  if (n == 0) return AVERROR_EOF;
-  in->position += n;
-  return static_cast<int>(n);
-}
-
-int64_t SeekDescriptor(void* opaque, int64_t offset, int whence) {
-  auto* in = static_cast<DescriptorInput*>(opaque);
-  off_t end = lseek(in->fd, 0, SEEK_END);
-  if (end < 0) return AVERROR(errno);
-  if ((whence & AVSEEK_SIZE) != 0) return end;
-  switch (whence & ~AVSEEK_FORCE) {
-    case SEEK_SET: break;
-    case SEEK_CUR: offset += in->position; break;
-    case SEEK_END: offset += end; break;
-    default: return AVERROR(EINVAL);
-  }
-  if (offset < 0) return AVERROR(EINVAL);
-  in->position = offset;
-  return offset;
-}
-
 struct AvIoFreer {
   void operator()(AVIOContext* pb) const {
     LoadAv()->freep(&pb->buffer);
@@ -229,12 +197,13 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
   // Registration happens inside libavformat since its demuxers became a
   // static table; there is nothing left to call before opening a file.
   const AvLibrary* av = LoadAv();
-  DescriptorInput input{fd, 0};
+  DescriptorInput input;
+  input.fd = fd;
   AvIo io;
   AVFormatContext* raw = nullptr;
   if (av != nullptr) {
     auto* buffer = static_cast<unsigned char*>(av->allocBuffer(kIoBufferSize));
-    AVIOContext* pb = buffer ? av->allocIo(buffer, kIoBufferSize, 0, &input, ReadDescriptor, nullptr, SeekDescriptor)
+    AVIOContext* pb = buffer ? av->allocIo(buffer, kIoBufferSize, 0, &input, DescriptorInputRead, nullptr, DescriptorInputSeek)
                              : nullptr;
     if (pb == nullptr) av->freep(&buffer);
     io.reset(pb);
@@ -353,6 +322,9 @@ int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
     ORVO_LOG("%s (%d) Failed to av_open_input_file() file [%s].", path);
     return -1;
   }
+  // The advice holds for the open file, so the helper's reads through this
+  // descriptor read no more than libavformat asks for.
+  AdviseFewReads(fd);
   int result = ProbeInHelper(fd, path, info, mode);
   close(fd);
   return result;

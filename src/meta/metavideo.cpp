@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "platform/log.h"
+#include "platform/read_advice.h"
 
 namespace {
 
@@ -193,6 +194,7 @@ int ParseMpegVideoFile(const char* path, MediaInfo* info) {
     ORVO_LOG("%s (%d) Unable to open %s ", path);
     return -1;
   }
+  AdviseFewReads(fileno(file.get()));  // the first pack and stream headers
   if (fseeko(file.get(), 0, SEEK_END) != 0) {
     ORVO_LOG("%s (%d) Unable to seek to end %s ", path);
     return -1;

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "meta/metaid3.h"
+#include "platform/read_advice.h"
 
 namespace {
 
@@ -349,6 +350,7 @@ Mp4Result ReadMp4File(const char* path, Mp4Info* info) {
   if (!file) return Mp4Result::kNotMp4;
   // The reader reads by position into its own buffer: no stdio buffer.
   setvbuf(file.get(), nullptr, _IONBF, 0);
+  AdviseFewReads(fileno(file.get()));  // box headers, then the movie box wherever it lies
   int64_t length = lseek(fileno(file.get()), 0, SEEK_END);
   if (length < 0) return Mp4Result::kNotMp4;
   ByteReader reader;  // the buffer needs no zeroing: nothing is cached yet

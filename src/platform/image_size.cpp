@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "platform/media_db.h"
+#include "platform/read_advice.h"
 
 namespace {
 
@@ -294,6 +295,7 @@ int ORVOIndexImgResGet(const char* path, int* width, int* height) {
   struct stat st;
   int result = -1;
   if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+    AdviseFewReads(fd);  // one 4 KiB window, rarely a second
     ByteSource src(fd);
     result = ImageSize(src, ExtensionOf(path), width, height);
   }
