@@ -1,11 +1,14 @@
 // The audio and video handlers (probe, MPEG video) on built and ffmpeg-made files and the corpus.
 #include <unistd.h>
 
+#include <set>
+
 #include "formats_testutil.h"
 #include "mp3_test_bytes.h"
 #include "meta/metamedia.h"
 #include "meta/h264_sps.h"
 #include "meta/metavideo.h"
+#include "meta/mp4_video.h"
 #include "platform/orvodb.h"
 
 using namespace formats_test;
@@ -272,6 +275,34 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
   // macroblock, replaced by it outside.
   std::string cropped = dir.File("v/h264-cropped.mp4");
   for (int width : {98, 96, 104}) files->push_back(WithSampleEntryWidth(dir, cropped, width));
+  // MP4 and QuickTime layouts for the box path: the ones it serves and the ones it leaves to the probe.
+  WriteBytes(dir.File("m/cue.srt"), "1\n00:00:00,500 --> 00:00:02,000\nHello\n");
+  WriteBytes(dir.File("m/chapters.txt"), ";FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=2000\ntitle=One\n"
+                                         "[CHAPTER]\nTIMEBASE=1/1000\nSTART=2000\nEND=4000\ntitle=Two\n");
+  const std::string movie_in = "-f lavfi -i testsrc=d=4:s=320x240:r=25 -f lavfi -i sine=d=4:f=440:sample_rate=48000 "
+                               "-f lavfi -i anoisesrc=d=4:r=44100 -itsoffset 0.5 -f lavfi -i sine=d=3:f=330 "
+                               "-itsoffset 2.5 -f lavfi -i sine=d=1:f=330 -f lavfi -i color=c=red:s=32x32:d=0.04 -i '" +
+                               dir.File("m/cue.srt") + "' -i '" + dir.File("m/chapters.txt") + "'";
+  const std::string h264 = "-map 0 -map_chapters -1 " + x264 + yuv420;
+  ASSERT_TRUE(FfmpegMany(dir, "m", movie_in, {
+      {"aac-mono-22k.mp4", h264 + "-map 1 -c:a aac -ac 1 -ar 22050"},
+      {"aac-stereo-44k.mp4", h264 + "-map 2 -c:a aac -ac 2"},
+      {"aac-6ch-48k.mp4", h264 + "-map 1 -c:a aac -ac 6"},
+      {"moov-first.mp4", h264 + "-map 1 -c:a aac -movflags +faststart"},
+      {"no-edit-list.mp4", h264 + "-map 1 -c:a aac -use_editlist 0"},
+      {"two-sound-tracks.mp4", h264 + "-map 1 -map 2 -c:a aac -ac:a:1 1 -ar:a:1 22050"},
+      {"sound-only.mp4", "-map 2 -map_chapters -1 -c:a aac"},
+      {"h264-aac.mov", h264 + "-map 1 -c:a aac -f mov"},
+      {"timescale-600.mp4", h264 + "-map 2 -video_track_timescale 600 -c:a aac -ar 11025"},
+      {"movie-timescale.mp4", h264 + "-map 1 -c:a aac -movie_timescale 90000"},
+      {"sound-starts-late.mp4", h264 + "-map 3 -c:a aac"},
+      {"sound-starts-later.mp4", h264 + "-map 4 -c:a aac"},
+      {"timecode.mov", h264 + "-map 1 -c:a aac -timecode 01:00:00:00 -f mov"},
+      {"cover.mp4", h264 + "-map 1 -map 5 -c:v:1 png -disposition:v:1 attached_pic -c:a aac"},
+      {"subtitles.mp4", h264 + "-map 1 -map 6 -c:a aac -c:s mov_text"},
+      {"chapters.mp4", "-map 0 -map 1 -map_chapters 7 " + x264 + yuv420 + "-c:a aac"},
+      {"tagged.mp4", h264 + "-map 1 -c:a aac -metadata title=Clip -metadata artist=Band -metadata date=2001"},
+      {"mpeg4-aac.mp4", "-map 0 -map 1 -map_chapters -1 -c:v mpeg4 -c:a aac"}}, files));
   ASSERT_TRUE(FfmpegMany(dir, "long", "-f lavfi -i testsrc=d=12:s=640x360:r=25 -f lavfi -i anoisesrc=d=12:r=44100", {
       {"mpeg2.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2 -f mpeg"},
       {"h264.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a aac -ac 2"},
@@ -290,13 +321,25 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
   if (HaveFfmpeg()) MakeGeneratedSet(dir, &files);
   if (files.empty()) GTEST_SKIP() << "neither the corpus nor ffmpeg";
   orvo::test::LogCapture quiet;
+  std::set<std::string> served;
   for (const auto& f : files) {
-    MediaInfo tuned, plain;
+    MediaInfo tuned, plain, boxes;
     memset(&tuned, 0, sizeof tuned);
     memset(&plain, 0, sizeof plain);
+    memset(&boxes, 0, sizeof boxes);
     EXPECT_EQ(ReadMediaInfo(f.c_str(), &tuned, ProbeMode::kTuned),
               ReadMediaInfo(f.c_str(), &plain, ProbeMode::kLibraryDefaults)) << f;
     EXPECT_EQ(memcmp(&tuned, &plain, sizeof tuned), 0) << f << "\n" << Stored(tuned) << "\n" << Stored(plain);
+    if (ReadMp4VideoValues(f.c_str(), &boxes)) served.insert(f.substr(f.rfind('/', f.rfind('/') - 1) + 1));
+  }
+  // The box path must really serve the plain layouts, or the comparison above proves nothing about it.
+  if (HaveFfmpeg()) {
+    for (const char* name : {"m/aac-mono-22k.mp4", "m/aac-stereo-44k.mp4", "m/aac-6ch-48k.mp4", "m/moov-first.mp4",
+                             "m/no-edit-list.mp4", "m/two-sound-tracks.mp4", "m/sound-only.mp4", "m/h264-aac.mov",
+                             "m/timescale-600.mp4", "m/movie-timescale.mp4", "m/sound-starts-late.mp4",
+                             "v/h264-only.mp4", "long/h264.mp4"}) {
+      EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";
+    }
   }
 }
 

@@ -17,6 +17,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "meta/mp4_video.h"
 #include "meta/probe_helper.h"
 #include "meta/probe_tuning.h"
 #include "platform/log.h"
@@ -361,6 +362,8 @@ int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
 }  // namespace
 
 int ReadMediaInfo(const char* path, MediaInfo* info, ProbeMode mode) {
+  // MP4 and QuickTime video our box reader can vouch for never reach the probe.
+  if (mode == ProbeMode::kTuned && ReadMp4VideoValues(path, info)) return 0;
   if (ProbeFile(path, info, mode) < 0) {
     ORVO_LOG("%s (%d) Failed to get Misc Media Info from [%s].", path);
     return -1;

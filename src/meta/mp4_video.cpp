@@ -1,0 +1,165 @@
+#include "meta/mp4_video.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "meta/aac_decode.h"
+#include "meta/h264_sps.h"
+#include "meta/mp4_reader.h"
+#include "meta/probe_helper.h"
+
+namespace {
+
+constexpr uint32_t Fourcc(const char (&s)[5]) {
+  return uint32_t{static_cast<unsigned char>(s[0])} << 24 | uint32_t{static_cast<unsigned char>(s[1])} << 16 |
+         uint32_t{static_cast<unsigned char>(s[2])} << 8 | uint32_t{static_cast<unsigned char>(s[3])};
+}
+
+// The analysis reads packets until every sound and picture track has given
+// one, or until it has read 5,000,000 bytes. The sound track's first frame
+// is read among the others' packets of the first second or so of media
+// (packets go in time order, by position within a second); the bytes of
+// their first 3 s must stay well below that limit.
+constexpr uint64_t kEarlyBytesLimit = 4000000;
+
+// H.264 whose decoded size the sequence parameter set tells: the size the
+// sample entry gives is the one the decoder reports.
+bool PlainPicture(const Mp4MovieTrack& t) {
+  if (t.format != Fourcc("avc1") && t.format != Fourcc("avc3")) return false;
+  if (t.width <= 0 || t.height <= 0) return false;
+  H264PictureSize sps;
+  int width, height;
+  const auto* config = reinterpret_cast<const uint8_t*>(t.config.data());
+  if (!ReadH264PictureSize(config, t.config.size(), &sps)) return false;
+  H264DecodedSize(sps, t.width, t.height, &width, &height);
+  return width == t.width && height == t.height;
+}
+
+// AAC (MPEG-4 and the three MPEG-2 profiles) with its config and a first
+// frame the helper will read.
+bool PlainSound(const Mp4MovieTrack& t) {
+  return t.format == Fourcc("mp4a") && (t.object_type == 0x40 || (t.object_type >= 0x66 && t.object_type <= 0x68)) &&
+         !t.config.empty() && t.config.size() <= kAacConfigLimit && t.first_size > 0 &&
+         t.first_size <= kAacUnitLimit;
+}
+
+// The demuxer's per-track bit rate: the sizes' total over the track's
+// duration, which is the media header's bounded by the time-to-sample
+// table's. Unsigned 64-bit arithmetic, as the demuxer's.
+int64_t SoundBitRate(const Mp4MovieTrack& t) {
+  uint64_t duration = t.table_duration != 0 && t.table_duration < t.duration ? t.table_duration : t.duration;
+  return static_cast<int64_t>(t.sample_bytes * 8 * t.time_scale / duration);
+}
+
+// `value` * 1,000,000 / `scale`, rounded to the nearest, halves away from 0.
+int64_t Microseconds(uint64_t value, uint32_t scale) {
+  unsigned __int128 scaled = static_cast<unsigned __int128>(value) * 1000000u + scale / 2;
+  return static_cast<int64_t>(scaled / scale);
+}
+
+struct FileCloser {
+  void operator()(FILE* f) const { fclose(f); }
+};
+
+// Opens a regular file without blocking on anything else, as the probe does.
+FILE* OpenRegular(const char* path) {
+  int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fd >= 0) close(fd);
+    return nullptr;
+  }
+  FILE* file = fdopen(fd, "rb");
+  if (file == nullptr) close(fd);
+  return file;
+}
+
+// True when the file starts with a box a movie file starts with; the other
+// files the generic handlers see cost one short read.
+bool StartsLikeAMovie(int fd) {
+  uint8_t head[8];
+  if (pread(fd, head, sizeof head, 0) != static_cast<ssize_t>(sizeof head)) return false;
+  uint32_t type = uint32_t{head[4]} << 24 | uint32_t{head[5]} << 16 | uint32_t{head[6]} << 8 | head[7];
+  for (uint32_t t : {Fourcc("ftyp"), Fourcc("moov"), Fourcc("mdat"), Fourcc("free"), Fourcc("skip"), Fourcc("wide")})
+    if (t == type) return true;
+  return false;
+}
+
+}  // namespace
+
+bool ReadMp4VideoValues(const char* path, MediaInfo* info) {
+  std::unique_ptr<FILE, FileCloser> file(OpenRegular(path));
+  if (!file || !StartsLikeAMovie(fileno(file.get()))) return false;
+  setvbuf(file.get(), nullptr, _IONBF, 0);
+  int64_t length = lseek(fileno(file.get()), 0, SEEK_END);
+  if (length <= 0) return false;
+  static Mp4Movie movie;  // holds a few tracks' configs: kept between files
+  static ByteReader reader;
+  memset(&reader, 0, sizeof reader);
+  ByteReaderAttachFile(&reader, file.get(), length);
+  if (ReadMp4Movie(&reader, &movie) != Mp4Result::kOk || !movie.plain || movie.tagged) return false;
+
+  const Mp4MovieTrack* last_sound = nullptr;
+  uint64_t early = 0;
+  for (int i = 0; i < movie.track_count; ++i) {
+    const Mp4MovieTrack& t = movie.tracks[i];
+    if (t.handler == Fourcc("vide") ? !PlainPicture(t) : !PlainSound(t)) return false;
+    if (t.handler == Fourcc("soun")) last_sound = &t;
+  }
+  if (last_sound != nullptr) {
+    for (int i = 0; i < movie.track_count; ++i)
+      if (&movie.tracks[i] != last_sound) early += movie.tracks[i].early_bytes;
+    // The first frame is the first sample only while the edit starts within
+    // the media's first second (the demuxer keeps a second before it for the
+    // decoder), and it is read early only while the track starts early.
+    if (early >= kEarlyBytesLimit || last_sound->media_time > static_cast<int64_t>(last_sound->time_scale) ||
+        last_sound->empty_edit > static_cast<int64_t>(movie.time_scale)) {
+      return false;
+    }
+  }
+
+  // The container: the movie header's duration, and the bit rate of the
+  // whole file over it.
+  int64_t duration = Microseconds(movie.duration, movie.time_scale);
+  if (duration <= 0) return false;
+  double rate = static_cast<double>(length) * 8.0 * 1000000 / static_cast<double>(duration);
+  int64_t bit_rate = rate >= 0 && rate <= static_cast<double>(INT64_MAX) ? static_cast<int64_t>(rate) : 0;
+
+  int32_t sample_rate = 0, channels = 0;
+  if (last_sound != nullptr) {
+    AacUnit unit;
+    memset(&unit, 0, sizeof unit);
+    unit.offset = static_cast<int64_t>(last_sound->first_offset);
+    unit.size = last_sound->first_size;
+    unit.config_size = static_cast<uint32_t>(last_sound->config.size());
+    memcpy(unit.config, last_sound->config.data(), last_sound->config.size());
+    if (!DecodeAacInHelper(fileno(file.get()), path, unit, &sample_rate, &channels) || sample_rate <= 0) return false;
+  }
+
+  // As the probe stores them: the last picture's size, the last sound's rate
+  // and channels, and the last sound bit rate that is not 0.
+  info->video_bitrate = static_cast<int32_t>(bit_rate);
+  info->duration = static_cast<float>(duration / 1000000);
+  info->track = 0;
+  for (int i = 0; i < movie.track_count; ++i) {
+    const Mp4MovieTrack& t = movie.tracks[i];
+    if (t.handler == Fourcc("vide")) {
+      info->width = t.width;
+      info->height = t.height;
+    } else {
+      int64_t bitrate = SoundBitRate(t);
+      if (bitrate != 0) info->bitrate = static_cast<int32_t>(bitrate);
+    }
+  }
+  if (last_sound != nullptr) {
+    info->channels = channels;
+    info->frequency = sample_rate;
+  }
+  return true;
+}
