@@ -8,6 +8,7 @@
 #include "meta/metamedia.h"
 #include "meta/h264_sps.h"
 #include "meta/metavideo.h"
+#include "meta/mp4_reader.h"
 #include "meta/mp4_video.h"
 #include "platform/orvodb.h"
 
@@ -196,6 +197,25 @@ std::string WithSampleEntryWidth(const TempDir& dir, const std::string& mp4, int
   return copy;
 }
 
+// A copy of a mono AAC MP4 whose config leaves SBR open (its sync extension zeroed) and whose first
+// frame is a silent channel element followed by an SBR extension: the decoder doubles the rate and
+// turns on parametric stereo there, which no header of the file says.
+std::string WithImplicitSbr(const TempDir& dir, const std::string& mp4) {
+  std::string bytes = ReadBytes(mp4);
+  Mp4Movie movie;
+  if (ReadMp4MovieMemory(bytes.data(), bytes.size(), &movie) != Mp4Result::kOk) return "";
+  const Mp4MovieTrack& sound = movie.tracks[movie.track_count - 1];
+  size_t config = bytes.find(sound.config, bytes.find("esds"));
+  if (config == std::string::npos || sound.first_size < 7) return "";
+  for (size_t i = 2; i < sound.config.size(); ++i) bytes[config + i] = 0;
+  const char frame[7] = {0x00, char(0xc8), 0x00, 0x06, 0x2d, 0x00, 0x0e};
+  bytes.replace(sound.first_offset, sound.first_size, std::string(sound.first_size, '\0'));
+  bytes.replace(sound.first_offset, sizeof frame, frame, sizeof frame);
+  std::string copy = dir.File("m/implicit-sbr.mp4");
+  WriteBytes(copy, bytes);
+  return copy;
+}
+
 // Each container and codec of the generic handlers (bench/gen-corpus's and more: several streams,
 // multichannel, VBR, cover pictures, H.264 in every layout the picture size is read from, compressed
 // audio stored as PCM), a few seconds long and a few longer ones.
@@ -292,6 +312,7 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
       {"no-edit-list.mp4", h264 + "-map 1 -c:a aac -use_editlist 0"},
       {"two-sound-tracks.mp4", h264 + "-map 1 -map 2 -c:a aac -ac:a:1 1 -ar:a:1 22050"},
       {"sound-only.mp4", "-map 2 -map_chapters -1 -c:a aac"},
+      {"sound-only-mono.mp4", "-map 1 -map_chapters -1 -c:a aac -ac 1 -ar 22050"},
       {"h264-aac.mov", h264 + "-map 1 -c:a aac -f mov"},
       {"timescale-600.mp4", h264 + "-map 2 -video_track_timescale 600 -c:a aac -ar 11025"},
       {"movie-timescale.mp4", h264 + "-map 1 -c:a aac -movie_timescale 90000"},
@@ -303,6 +324,7 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
       {"chapters.mp4", "-map 0 -map 1 -map_chapters 7 " + x264 + yuv420 + "-c:a aac"},
       {"tagged.mp4", h264 + "-map 1 -c:a aac -metadata title=Clip -metadata artist=Band -metadata date=2001"},
       {"mpeg4-aac.mp4", "-map 0 -map 1 -map_chapters -1 -c:v mpeg4 -c:a aac"}}, files));
+  files->push_back(WithImplicitSbr(dir, dir.File("m/sound-only-mono.mp4")));
   ASSERT_TRUE(FfmpegMany(dir, "long", "-f lavfi -i testsrc=d=12:s=640x360:r=25 -f lavfi -i anoisesrc=d=12:r=44100", {
       {"mpeg2.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2 -f mpeg"},
       {"h264.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a aac -ac 2"},
@@ -337,9 +359,15 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
     for (const char* name : {"m/aac-mono-22k.mp4", "m/aac-stereo-44k.mp4", "m/aac-6ch-48k.mp4", "m/moov-first.mp4",
                              "m/no-edit-list.mp4", "m/two-sound-tracks.mp4", "m/sound-only.mp4", "m/h264-aac.mov",
                              "m/timescale-600.mp4", "m/movie-timescale.mp4", "m/sound-starts-late.mp4",
-                             "v/h264-only.mp4", "long/h264.mp4"}) {
+                             "m/implicit-sbr.mp4", "v/h264-only.mp4", "long/h264.mp4"}) {
       EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";
     }
+    // The decoder, not the headers, gives this file's rate and channels.
+    MediaInfo sbr;
+    memset(&sbr, 0, sizeof sbr);
+    ASSERT_EQ(ReadMediaInfo(dir.File("m/implicit-sbr.mp4").c_str(), &sbr), 0);
+    EXPECT_EQ(sbr.frequency, 44100);
+    EXPECT_EQ(sbr.channels, 2);
   }
 }
 
