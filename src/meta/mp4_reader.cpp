@@ -546,7 +546,7 @@ bool EachWord(ByteReader* reader, int64_t at, uint64_t count, Each each) {
 // sample's place. False when a table is missing, damaged or inconsistent
 // with the others, or longer than the walk sums.
 bool ReadMovieSampleTables(ByteReader* reader, const Box& stbl, Mp4MovieTrack* track) {
-  Box stsd{}, stts{}, stsc{}, stsz{}, stco{};
+  Box stsd{}, stts{}, stsc{}, stsz{}, stco{}, ctts{};
   int offsets = 0;
   bool known = EachChild(reader, stbl, [&](const Box& child) {
     if (child.type == kStsd) stsd = child;
@@ -554,20 +554,38 @@ bool ReadMovieSampleTables(ByteReader* reader, const Box& stbl, Mp4MovieTrack* t
     else if (child.type == kStsc) stsc = child;
     else if (child.type == kStsz) stsz = child;
     else if (child.type == kStco || child.type == kCo64) stco = child, ++offsets;
-    else return OneOf(child.type, {kCtts, kStss, kStps, kSdtp, kSgpd, kSbgp, kCslg, kFree, kSkip});
+    else if (child.type == kCtts) ctts = child;
+    else return OneOf(child.type, {kStss, kStps, kSdtp, kSgpd, kSbgp, kCslg, kFree, kSkip});
     return true;
   });
   if (!known || offsets != 1 || stsd.type == 0 || stts.type == 0 || stsc.type == 0 || stsz.type == 0) return false;
   if (!ReadMovieSampleEntry(reader, stsd, track)) return false;
 
+  // Negative composition offsets make the demuxer move every decoding time
+  // earlier by the largest of them.
+  uint8_t b[12];
+  uint64_t shift = 0;
+  if (ctts.type != 0) {
+    if (!ReadAt(reader, ctts.content, b, 8)) return false;
+    uint32_t runs = Be32(b + 4);
+    if (runs > kMaxSummedSamples || static_cast<uint64_t>(ctts.end - ctts.content - 8) / 8 < runs) return false;
+    bool offset_word = false;
+    if (!EachWord(reader, ctts.content + 8, uint64_t{runs} * 2, [&](uint32_t word) {
+          int64_t offset = static_cast<int32_t>(word);
+          if (offset_word && offset < 0 && static_cast<uint64_t>(-offset) > shift) shift = static_cast<uint64_t>(-offset);
+          offset_word = !offset_word;
+        })) {
+      return false;
+    }
+  }
+
   // Time to sample: the total, and how many samples start before the
   // media's first 3 s after the edit's start are over.
-  uint8_t b[12];
   if (!ReadAt(reader, stts.content, b, 8)) return false;
   uint32_t runs = Be32(b + 4);
   if (runs == 0 || runs > kMaxSummedSamples || static_cast<uint64_t>(stts.end - stts.content - 8) / 8 < runs)
     return false;
-  uint64_t early_limit = static_cast<uint64_t>(track->media_time) + 3ull * track->time_scale;
+  uint64_t early_limit = static_cast<uint64_t>(track->media_time) + shift + 3ull * track->time_scale;
   uint64_t early_samples = 0, time = 0;
   bool huge_delta = false, unit_delta = false;
   uint32_t count = 0;

@@ -90,7 +90,7 @@ struct Mp4MovieTrack {
   uint64_t sample_bytes = 0;   // the sample size table's total
   uint64_t first_offset = 0;   // where the first sample lies in the file
   uint32_t first_size = 0;
-  uint64_t early_bytes = 0;    // sizes of the samples decoded in the media's first 3 s after the edit's start
+  uint64_t early_bytes = 0;    // sizes of the samples decoded within 3 s of the edit's start and any shift
   int32_t width = 0, height = 0;
   uint8_t object_type = 0;     // the ES descriptor's objectTypeIndication
   std::string config;          // avcC contents (video), the decoder-specific info (audio)

@@ -93,6 +93,49 @@ bool StartsLikeAMovie(int fd) {
 
 }  // namespace
 
+bool WorkOutMp4Values(const Mp4Movie& movie, int64_t length, Mp4Values* values) {
+  *values = Mp4Values{};
+  if (!movie.plain || movie.tagged || length <= 0) return false;
+  uint64_t early = 0;
+  for (int i = 0; i < movie.track_count; ++i) {
+    const Mp4MovieTrack& t = movie.tracks[i];
+    if (t.handler == Fourcc("vide") ? !PlainPicture(t) : !PlainSound(t)) return false;
+    if (t.handler == Fourcc("soun")) values->sound = &t;
+  }
+  if (const Mp4MovieTrack* sound = values->sound) {
+    for (int i = 0; i < movie.track_count; ++i)
+      if (&movie.tracks[i] != sound) early += movie.tracks[i].early_bytes;
+    // The first frame is the first sample only while the edit starts within
+    // the media's first second (the demuxer keeps a second before it for the
+    // decoder), and it is read early only while the track starts early.
+    if (early >= kEarlyBytesLimit || sound->media_time > static_cast<int64_t>(sound->time_scale) ||
+        sound->empty_edit > static_cast<int64_t>(movie.time_scale)) {
+      return false;
+    }
+  }
+
+  // The container: the movie header's duration, and the bit rate of the
+  // whole file over it.
+  values->duration = Microseconds(movie.duration, movie.time_scale);
+  if (values->duration <= 0) return false;
+  double rate = static_cast<double>(length) * 8.0 * 1000000 / static_cast<double>(values->duration);
+  values->bit_rate = rate >= 0 && rate <= static_cast<double>(INT64_MAX) ? static_cast<int64_t>(rate) : 0;
+
+  // As the probe stores them: the last picture's size and the last sound
+  // bit rate that is not 0.
+  for (int i = 0; i < movie.track_count; ++i) {
+    const Mp4MovieTrack& t = movie.tracks[i];
+    if (t.handler == Fourcc("vide")) {
+      values->width = t.width;
+      values->height = t.height;
+    } else {
+      int64_t bitrate = SoundBitRate(t);
+      if (bitrate != 0) values->sound_bit_rate = bitrate;
+    }
+  }
+  return true;
+}
+
 bool ReadMp4VideoValues(const char* path, MediaInfo* info) {
   std::unique_ptr<FILE, FileCloser> file(OpenRegular(path));
   if (!file || !StartsLikeAMovie(fileno(file.get()))) return false;
@@ -103,63 +146,32 @@ bool ReadMp4VideoValues(const char* path, MediaInfo* info) {
   static ByteReader reader;
   memset(&reader, 0, sizeof reader);
   ByteReaderAttachFile(&reader, file.get(), length);
-  if (ReadMp4Movie(&reader, &movie) != Mp4Result::kOk || !movie.plain || movie.tagged) return false;
+  Mp4Values values;
+  if (ReadMp4Movie(&reader, &movie) != Mp4Result::kOk || !WorkOutMp4Values(movie, length, &values)) return false;
 
-  const Mp4MovieTrack* last_sound = nullptr;
-  uint64_t early = 0;
-  for (int i = 0; i < movie.track_count; ++i) {
-    const Mp4MovieTrack& t = movie.tracks[i];
-    if (t.handler == Fourcc("vide") ? !PlainPicture(t) : !PlainSound(t)) return false;
-    if (t.handler == Fourcc("soun")) last_sound = &t;
-  }
-  if (last_sound != nullptr) {
-    for (int i = 0; i < movie.track_count; ++i)
-      if (&movie.tracks[i] != last_sound) early += movie.tracks[i].early_bytes;
-    // The first frame is the first sample only while the edit starts within
-    // the media's first second (the demuxer keeps a second before it for the
-    // decoder), and it is read early only while the track starts early.
-    if (early >= kEarlyBytesLimit || last_sound->media_time > static_cast<int64_t>(last_sound->time_scale) ||
-        last_sound->empty_edit > static_cast<int64_t>(movie.time_scale)) {
-      return false;
-    }
-  }
-
-  // The container: the movie header's duration, and the bit rate of the
-  // whole file over it.
-  int64_t duration = Microseconds(movie.duration, movie.time_scale);
-  if (duration <= 0) return false;
-  double rate = static_cast<double>(length) * 8.0 * 1000000 / static_cast<double>(duration);
-  int64_t bit_rate = rate >= 0 && rate <= static_cast<double>(INT64_MAX) ? static_cast<int64_t>(rate) : 0;
-
+  // The last sound's rate and channels, as its first frame decodes.
   int32_t sample_rate = 0, channels = 0;
-  if (last_sound != nullptr) {
+  if (const Mp4MovieTrack* sound = values.sound) {
     AacUnit unit;
     memset(&unit, 0, sizeof unit);
-    unit.offset = static_cast<int64_t>(last_sound->first_offset);
-    unit.size = last_sound->first_size;
-    unit.config_size = static_cast<uint32_t>(last_sound->config.size());
-    memcpy(unit.config, last_sound->config.data(), last_sound->config.size());
+    unit.offset = static_cast<int64_t>(sound->first_offset);
+    unit.size = sound->first_size;
+    unit.config_size = static_cast<uint32_t>(sound->config.size());
+    memcpy(unit.config, sound->config.data(), sound->config.size());
     if (!DecodeAacInHelper(fileno(file.get()), path, unit, &sample_rate, &channels) || sample_rate <= 0) return false;
   }
 
-  // As the probe stores them: the last picture's size, the last sound's rate
-  // and channels, and the last sound bit rate that is not 0.
-  info->video_bitrate = static_cast<int32_t>(bit_rate);
-  info->duration = static_cast<float>(duration / 1000000);
+  info->video_bitrate = static_cast<int32_t>(values.bit_rate);
+  info->duration = static_cast<float>(values.duration / 1000000);
   info->track = 0;
-  for (int i = 0; i < movie.track_count; ++i) {
-    const Mp4MovieTrack& t = movie.tracks[i];
-    if (t.handler == Fourcc("vide")) {
-      info->width = t.width;
-      info->height = t.height;
-    } else {
-      int64_t bitrate = SoundBitRate(t);
-      if (bitrate != 0) info->bitrate = static_cast<int32_t>(bitrate);
-    }
+  if (values.width != 0) {
+    info->width = values.width;
+    info->height = values.height;
   }
-  if (last_sound != nullptr) {
+  if (values.sound != nullptr) {
     info->channels = channels;
     info->frequency = sample_rate;
   }
+  if (values.sound_bit_rate != 0) info->bitrate = static_cast<int32_t>(values.sound_bit_rate);
   return true;
 }

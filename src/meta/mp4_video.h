@@ -6,6 +6,9 @@
 // tables) is left to the probe, untouched.
 #pragma once
 
+#include <cstdint>
+
+#include "meta/mp4_reader.h"
 #include "platform/media_info.h"
 
 // Fills the fields the probe fills (duration, bit rates, picture size,
@@ -14,3 +17,19 @@
 // frame of the last sound track is decoded by the probe helper, as the
 // analysis decodes it.
 bool ReadMp4VideoValues(const char* path, MediaInfo* info);
+
+// The values of a movie read by ReadMp4Movie, short of the sound's decoded
+// rate and channels.
+struct Mp4Values {
+  int64_t duration = 0;        // the container's, in microseconds
+  int64_t bit_rate = 0;        // the container's: the whole file over the duration
+  int32_t width = 0, height = 0;  // the last picture track's; 0 without one
+  int64_t sound_bit_rate = 0;  // the last sound track's that is not 0
+  const Mp4MovieTrack* sound = nullptr;  // the last sound track, whose first frame gives the rest
+};
+
+// True with the values when the movie is one the path vouches for: plain,
+// untagged, H.264 pictures whose parameter sets confirm their size, AAC
+// sound whose first frame the analysis would read first and early.
+// `length` is the file's. `values->sound` points into `movie`.
+bool WorkOutMp4Values(const Mp4Movie& movie, int64_t length, Mp4Values* values);
