@@ -311,9 +311,17 @@ TEST(Mp4Movie, InconsistentTablesAndUnaccountedBoxesAreNotPlain) {
     Mp4Result r = ReadMp4MovieMemory(c.bytes.data(), c.bytes.size(), &m);
     EXPECT_TRUE(r != Mp4Result::kOk || !m.plain) << c.fault;
   }
-  // Tags the record would take, anywhere the probe reads them, are told apart from others.
-  EXPECT_FALSE(Movie(movie(PictureTrak(runs, 4), Udta(Item("\xA9too", "Lavf")))).tagged);
-  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("\xA9nam", "Clip")))).tagged);
+  // The movie's UTF-8 items are read as the probe names them, the later of two names winning; tags
+  // the record would take in any other form, or anywhere else, leave the file to the probe.
+  Mp4Movie m = Movie(movie(PictureTrak(runs, 4), Udta(Item("\xA9too", "Lavf") + Item("\xA9nam", std::string("Cl\0ip", 5)) +
+                                                      Item("\xA9" "ART", "One") + Item("\xA9" "aut", "Two") +
+                                                      Item("trkn", Be(0, 2) + Be(0xFFFE, 2) + Be(9, 2)))));
+  EXPECT_FALSE(m.tagged);
+  EXPECT_EQ(m.tags.title + "|" + m.tags.artist + "|" + m.tags.track, "Cl|Two|-2");
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Box("\xA9" "day", Box("data", Be(0, 4) + Be(0, 4) + "\xA9 2001"))))).tagged)
+      << "Mac-encoded text";
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("gnre", Be(8, 2))))).tagged);
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Box("udta", Box("\xA9nam", Be(4, 2) + Be(0, 2) + "Clip")))).tagged);
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4, Box("udta", Box("\xA9" "ART", Be(4, 2) + Be(0, 2) + "Band"))))).tagged);
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("covr", "\x89PNG")))).tagged);
 }

@@ -311,7 +311,8 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
       {"moov-first.mp4", h264 + "-map 1 -c:a aac -movflags +faststart"},
       {"no-edit-list.mp4", h264 + "-map 1 -c:a aac -use_editlist 0"},
       {"two-sound-tracks.mp4", h264 + "-map 1 -map 2 -c:a aac -ac:a:1 1 -ar:a:1 22050"},
-      {"sound-only.mp4", "-map 2 -map_chapters -1 -c:a aac"},
+      {"sound-only.mp4", "-map 2 -map_chapters -1 -c:a aac -metadata album=Record -metadata title=Song "
+                         "-metadata track=3/9 -metadata genre=Jazz -metadata date=1999-03 -metadata artist=Band"},
       {"sound-only-mono.mp4", "-map 1 -map_chapters -1 -c:a aac -ac 1 -ar 22050"},
       {"h264-aac.mov", h264 + "-map 1 -c:a aac -f mov"},
       {"timescale-600.mp4", h264 + "-map 2 -video_track_timescale 600 -c:a aac -ar 11025"},
@@ -322,7 +323,8 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
       {"cover.mp4", h264 + "-map 1 -map 5 -c:v:1 png -disposition:v:1 attached_pic -c:a aac"},
       {"subtitles.mp4", h264 + "-map 1 -map 6 -c:a aac -c:s mov_text"},
       {"chapters.mp4", "-map 0 -map 1 -map_chapters 7 " + x264 + yuv420 + "-c:a aac"},
-      {"tagged.mp4", h264 + "-map 1 -c:a aac -metadata title=Clip -metadata artist=Band -metadata date=2001"},
+      {"tagged.mp4", h264 + "-map 1 -c:a aac -metadata title=Clip -metadata artist=Band -metadata date=2001 "
+                         "-metadata album=Collection"},
       {"mpeg4-aac.mp4", "-map 0 -map 1 -map_chapters -1 -c:v mpeg4 -c:a aac"}}, files));
   files->push_back(WithImplicitSbr(dir, dir.File("m/sound-only-mono.mp4")));
   ASSERT_TRUE(FfmpegMany(dir, "long", "-f lavfi -i testsrc=d=12:s=640x360:r=25 -f lavfi -i anoisesrc=d=12:r=44100", {
@@ -359,7 +361,8 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
     for (const char* name : {"m/aac-mono-22k.mp4", "m/aac-stereo-44k.mp4", "m/aac-6ch-48k.mp4", "m/moov-first.mp4",
                              "m/no-edit-list.mp4", "m/two-sound-tracks.mp4", "m/sound-only.mp4", "m/h264-aac.mov",
                              "m/timescale-600.mp4", "m/movie-timescale.mp4", "m/sound-starts-late.mp4",
-                             "m/implicit-sbr.mp4", "v/h264-only.mp4", "long/h264.mp4"}) {
+                             "m/implicit-sbr.mp4", "m/tagged.mp4", "v/h264.mp4", "v/h264-only.mp4",
+                             "long/h264.mp4"}) {
       EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";
     }
     // The decoder, not the headers, gives this file's rate and channels.

@@ -395,6 +395,57 @@ bool UdtaHasRecordTags(ByteReader* reader, const Box& udta) {
   return tags;
 }
 
+// The movie's iTunes items ('moov'/'udta'/'meta'/'ilst') as the probe's
+// demuxer turns them into tags: the first child of each item must be its
+// 'data' box, text items are UTF-8 (type 1) and end at their first NUL, a
+// track number is the first 16-bit signed number, and a later item of a
+// name wins. False (the file is left to the probe) for what that path does
+// not follow: other text types, genre numbers, cover art, names keyed
+// elsewhere, and tags outside the items.
+bool ReadMovieTags(ByteReader* reader, const Box& udta, Mp4MovieTags* tags) {
+  return EachChild(reader, udta, [&](const Box& child) {
+    if (child.type != kMeta) return !RecordTagType(child.type);
+    Box meta = child;
+    uint8_t b[16];
+    if (!ReadAt(reader, meta.content, b, 8)) return false;
+    if (Be32(b + 4) != kHdlr) meta.content += 4;
+    return EachChild(reader, meta, [&](const Box& box) {
+      if (box.type == kKeys) return false;
+      if (box.type == kHdlr) return ReadAt(reader, box.content, b, 12) && Be32(b + 8) != kMdta;
+      if (box.type != kIlst) return true;
+      return EachChild(reader, box, [&](const Box& item) {
+        std::string* text = nullptr;
+        switch (item.type) {
+          case kName: text = &tags->title; break;
+          case kArtist: case Fourcc("\xa9" "aut"): text = &tags->artist; break;
+          case kAlbum: text = &tags->album; break;
+          case kDay: text = &tags->date; break;
+          case kGenreText: text = &tags->genre; break;
+          case kTrackNumber: case Fourcc("\xa9trk"): text = &tags->track; break;
+          default: return !RecordTagType(item.type);
+        }
+        if (item.end - item.content <= 8 || !ReadAt(reader, item.content, b, 16)) return true;
+        uint64_t size = Be32(b);
+        if (Be32(b + 4) != kData || size < 16 || size > static_cast<uint64_t>(item.end - item.content)) return true;
+        uint32_t type = Be32(b + 8);
+        uint64_t length = size - 16;
+        if (item.type == kTrackNumber) {
+          uint8_t n[4];
+          if (length < 4 || !ReadAt(reader, item.content + 16, n, 4)) return false;
+          *text = std::to_string(static_cast<int16_t>(Be16(n + 2)));
+          return true;
+        }
+        if (type != 1) return false;
+        text->resize(length < kMp4TagTextLimit ? length : kMp4TagTextLimit);
+        if (!ReadAt(reader, item.content + 16, text->data(), text->size())) return false;
+        text->resize(strnlen(text->data(), text->size()));
+        if (length > kMp4TagTextLimit) DropCutSequence(text);
+        return true;
+      });
+    });
+  });
+}
+
 // The edit list: an empty first edit (the media starts later) and where the
 // first real edit starts in the media. False for edits the path does not
 // follow: negative starts other than the empty edit, rates other than 1.
@@ -741,7 +792,7 @@ bool ReadMovieBox(ByteReader* reader, const Box& moov, Mp4Movie* movie) {
       ReadMovieTrack(reader, child, movie);
       plain = plain && movie->tracks[movie->track_count - 1].plain;
     } else if (child.type == kUdta) {
-      movie->tagged |= UdtaHasRecordTags(reader, child);
+      if (!ReadMovieTags(reader, child, &movie->tags)) movie->tagged = true;
     } else if (child.type == kMeta) {
       movie->tagged |= MetaHasRecordTags(reader, child);
     } else {

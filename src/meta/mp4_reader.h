@@ -99,9 +99,17 @@ struct Mp4MovieTrack {
   bool plain = false;          // every table was there, consistent, and nothing unusual came with it
 };
 
+// The movie's tags by the names the probe gives them, each as its last item
+// of that name says (at most kMp4TagTextLimit bytes, up to a NUL).
+struct Mp4MovieTags {
+  std::string title, artist, album, date, genre;
+  std::string track;  // a number's text
+};
+
 struct Mp4Movie {
   bool plain = false;          // the file and every track are plain (see above)
-  bool tagged = false;         // an item the record takes from tags, or cover art, is there
+  bool tagged = false;         // tags the path does not read the probe's way (see ReadMovieTags)
+  Mp4MovieTags tags;           // the movie's iTunes items
   uint32_t time_scale = 0;     // movie header
   uint64_t duration = 0;
   int64_t file_size = 0;

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -13,6 +14,7 @@
 #include "meta/h264_sps.h"
 #include "meta/mp4_reader.h"
 #include "meta/probe_helper.h"
+#include "platform/text_encoding.h"
 
 namespace {
 
@@ -163,7 +165,15 @@ bool ReadMp4VideoValues(const char* path, MediaInfo* info) {
 
   info->video_bitrate = static_cast<int32_t>(values.bit_rate);
   info->duration = static_cast<float>(values.duration / 1000000);
-  info->track = 0;
+  const Mp4MovieTags& tags = movie.tags;
+  if (!tags.genre.empty()) orvo::CopyTextField(info->genre, sizeof info->genre, tags.genre);
+  if (!tags.artist.empty()) orvo::CopyTextField(info->artist, sizeof info->artist, tags.artist);
+  if (!tags.title.empty()) orvo::CopyTextField(info->title, sizeof info->title, tags.title);
+  int year = atoi(tags.date.c_str());
+  if (year != 0) snprintf(info->year, sizeof info->year, "%d", year);
+  info->track = atoi(tags.track.c_str());
+  // A video's album is a collection name; only sound-only files take it.
+  if (values.width == 0 && !tags.album.empty()) orvo::CopyTextField(info->album, sizeof info->album, tags.album);
   if (values.width != 0) {
     info->width = values.width;
     info->height = values.height;
