@@ -334,7 +334,8 @@ constexpr uint32_t kFtyp = Fourcc("ftyp"), kMdat = Fourcc("mdat"), kFree = Fourc
                    kSoun = Fourcc("soun"), kVide = Fourcc("vide"), kAvcC = Fourcc("avcC"), kPasp = Fourcc("pasp"),
                    kColr = Fourcc("colr"), kBtrt = Fourcc("btrt"), kClap = Fourcc("clap"), kFiel = Fourcc("fiel"),
                    kGama = Fourcc("gama"), kFrma = Fourcc("frma"), kMp4a = Fourcc("mp4a"), kEnda = Fourcc("enda"),
-                   kKeys = Fourcc("keys"), kMdta = Fourcc("mdta"), kCovr = Fourcc("covr"), kAvif = Fourcc("avif"), kChan = Fourcc("chan");
+                   kKeys = Fourcc("keys"), kMdta = Fourcc("mdta"), kCovr = Fourcc("covr"), kAvif = Fourcc("avif"), kChan = Fourcc("chan"),
+                   kAvc1 = Fourcc("avc1"), kAvc3 = Fourcc("avc3");
 
 bool OneOf(uint32_t type, std::initializer_list<uint32_t> types) {
   for (uint32_t t : types) {
@@ -537,6 +538,9 @@ bool ReadMovieSampleEntry(ByteReader* reader, const Box& stsd, Mp4MovieTrack* tr
   if (!ReadAt(reader, stsd.content, b, 8) || b[0] != 0 || Be32(b + 4) != 1) return false;
   if (!NextBox(reader, stsd.content + 8, stsd.end, &entry) || entry.cut) return false;
   track->format = entry.type;
+  // The only formats the video path accounts for; the rest is not read.
+  if (entry.type != (track->handler == kVide ? kAvc1 : kMp4a) && entry.type != (track->handler == kVide ? kAvc3 : kMp4a))
+    return false;
   Box children = entry;
   if (track->handler == kVide) {
     if (entry.end - entry.content < 78 || !ReadAt(reader, entry.content, b, 78)) return false;
@@ -673,9 +677,13 @@ bool ReadMovieSampleTables(ByteReader* reader, const Box& stbl, Mp4MovieTrack* t
     track->early_bytes = uint64_t{fixed} * (early_samples < track->sample_count ? early_samples : track->sample_count);
   } else {
     if (static_cast<uint64_t>(stsz.end - stsz.content - 12) / 4 < track->sample_count) return false;
+    // A picture track's sizes count only for the bytes read early: its bit
+    // rate is stored nowhere.
+    uint64_t wanted = track->sample_count;
+    if (track->handler == kVide) wanted = early_samples == 0 ? 1 : early_samples < wanted ? early_samples : wanted;
     uint64_t index = 0;
     bool oversized = false;
-    if (!EachWord(reader, stsz.content + 12, track->sample_count, [&](uint32_t size) {
+    if (!EachWord(reader, stsz.content + 12, wanted, [&](uint32_t size) {
           if (size > 0x3FFFFFFF) oversized = true;
           if (index == 0) track->first_size = size;
           if (index < early_samples) track->early_bytes += size;
@@ -790,7 +798,9 @@ bool ReadMovieBox(ByteReader* reader, const Box& moov, Mp4Movie* movie) {
     } else if (child.type == kTrak) {
       if (movie->track_count == kMp4MovieMaxTracks) return false;
       ReadMovieTrack(reader, child, movie);
+      // The rest of a movie that is not plain is not read.
       plain = plain && movie->tracks[movie->track_count - 1].plain;
+      return plain;
     } else if (child.type == kUdta) {
       if (!ReadMovieTags(reader, child, &movie->tags)) movie->tagged = true;
     } else if (child.type == kMeta) {

@@ -87,7 +87,7 @@ struct Mp4MovieTrack {
   uint64_t duration = 0;       // media header, in time_scale units
   uint64_t table_duration = 0; // the time-to-sample table's total
   uint32_t sample_count = 0;
-  uint64_t sample_bytes = 0;   // the sample size table's total
+  uint64_t sample_bytes = 0;   // the sample size table's total (sound only)
   uint64_t first_offset = 0;   // where the first sample lies in the file
   uint32_t first_size = 0;
   uint64_t early_bytes = 0;    // sizes of the samples decoded within 3 s of the edit's start and any shift
@@ -118,7 +118,8 @@ struct Mp4Movie {
 };
 
 // Reads the movie's tables. kOk with `plain` false when the file is MP4 or
-// QuickTime but holds something the video path does not account for.
+// QuickTime but holds something the video path does not account for; the
+// rest of the movie is then left unread.
 Mp4Result ReadMp4Movie(ByteReader* reader, Mp4Movie* movie);
 Mp4Result ReadMp4MovieMemory(const void* data, size_t size, Mp4Movie* movie);
 
