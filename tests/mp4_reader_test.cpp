@@ -320,6 +320,10 @@ TEST(Mp4Movie, InconsistentTablesAndUnaccountedBoxesAreNotPlain) {
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Box("\xA9" "day", Box("data", Be(0, 4) + Be(0, 4) + "\xA9 2001"))))).tagged)
       << "Mac-encoded text";
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("gnre", Be(8, 2))))).tagged);
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("----", "title")))).tagged);
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Box("udta", FullBox("meta", 0, Box("ilst", Item("\xA9nam", "Clip")) +
+                                                                         Hdlr("mdir")))))).tagged)
+      << "items before the handler, which the probe passes over";
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Box("udta", Box("\xA9nam", Be(4, 2) + Be(0, 2) + "Clip")))).tagged);
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4, Box("udta", Box("\xA9" "ART", Be(4, 2) + Be(0, 2) + "Band"))))).tagged);
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("covr", "\x89PNG")))).tagged);

@@ -335,7 +335,8 @@ constexpr uint32_t kFtyp = Fourcc("ftyp"), kMdat = Fourcc("mdat"), kFree = Fourc
                    kColr = Fourcc("colr"), kBtrt = Fourcc("btrt"), kClap = Fourcc("clap"), kFiel = Fourcc("fiel"),
                    kGama = Fourcc("gama"), kFrma = Fourcc("frma"), kMp4a = Fourcc("mp4a"), kEnda = Fourcc("enda"),
                    kKeys = Fourcc("keys"), kMdta = Fourcc("mdta"), kCovr = Fourcc("covr"), kAvif = Fourcc("avif"), kChan = Fourcc("chan"),
-                   kAvc1 = Fourcc("avc1"), kAvc3 = Fourcc("avc3");
+                   kAvc1 = Fourcc("avc1"), kAvc3 = Fourcc("avc3"),
+                   kFreeform = Fourcc("----");
 
 bool OneOf(uint32_t type, std::initializer_list<uint32_t> types) {
   for (uint32_t t : types) {
@@ -345,11 +346,13 @@ bool OneOf(uint32_t type, std::initializer_list<uint32_t> types) {
 }
 
 // The item and string types the generic probe turns into a title, artist,
-// album, date, genre or track (iTunes items, QuickTime and 3GPP strings).
+// album, date, genre or track (iTunes items, QuickTime and 3GPP strings),
+// cover art (a picture stream of its own) and freeform items (which name
+// their own tag).
 bool RecordTagType(uint32_t type) {
   return OneOf(type, {kName, kAlbum, kArtist, kGenreText, kGenreIndex, kDay, kTrackNumber, Fourcc("\xa9" "aut"),
                       Fourcc("\xa9trk"), Fourcc("titl"), Fourcc("auth"), Fourcc("albm"), Fourcc("yrrc"),
-                      Fourcc("perf"), kCovr});
+                      Fourcc("perf"), kCovr, kFreeform});
 }
 
 // Calls `each` on every child box of `parent`; false when a child claims
@@ -401,8 +404,9 @@ bool UdtaHasRecordTags(ByteReader* reader, const Box& udta) {
 // 'data' box, text items are UTF-8 (type 1) and end at their first NUL, a
 // track number is the first 16-bit signed number, and a later item of a
 // name wins. False (the file is left to the probe) for what that path does
-// not follow: other text types, genre numbers, cover art, names keyed
-// elsewhere, and tags outside the items.
+// not follow: other text types, genre numbers, cover art, freeform items,
+// names keyed elsewhere, tags outside the items, a 'meta' box not starting
+// with its handler.
 bool ReadMovieTags(ByteReader* reader, const Box& udta, Mp4MovieTags* tags) {
   return EachChild(reader, udta, [&](const Box& child) {
     if (child.type != kMeta) return !RecordTagType(child.type);
@@ -410,6 +414,10 @@ bool ReadMovieTags(ByteReader* reader, const Box& udta, Mp4MovieTags* tags) {
     uint8_t b[16];
     if (!ReadAt(reader, meta.content, b, 8)) return false;
     if (Be32(b + 4) != kHdlr) meta.content += 4;
+    // The probe reads a 'meta' box from its handler on, and one without
+    // a handler not at all.
+    Box first;
+    if (!NextBox(reader, meta.content, meta.end, &first) || first.type != kHdlr) return false;
     return EachChild(reader, meta, [&](const Box& box) {
       if (box.type == kKeys) return false;
       if (box.type == kHdlr) return ReadAt(reader, box.content, b, 12) && Be32(b + 8) != kMdta;
