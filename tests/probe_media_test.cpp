@@ -185,14 +185,15 @@ std::string CoverComment() {
   return "METADATA_BLOCK_PICTURE=" + b64;
 }
 
-// A copy of an MP4 whose H.264 sample entry claims another picture width.
-std::string WithSampleEntryWidth(const TempDir& dir, const std::string& mp4, int width) {
+// A copy of an MP4 whose picture sample entry (`format`) claims another picture width.
+std::string WithSampleEntryWidth(const TempDir& dir, const std::string& mp4, int width,
+                                 const std::string& format = "avc1") {
   std::string bytes = ReadBytes(mp4);
-  size_t at = bytes.find("avc1", bytes.find("stsd"));
+  size_t at = bytes.find(format, bytes.find("stsd"));
   if (at == std::string::npos || at + 30 > bytes.size()) return "";
   bytes[at + 28] = static_cast<char>(width >> 8);
   bytes[at + 29] = static_cast<char>(width);
-  std::string copy = dir.File("v/width-" + std::to_string(width) + ".mp4");
+  std::string copy = dir.File("v/width-" + std::to_string(width) + "-" + format + ".mp4");
   WriteBytes(copy, bytes);
   return copy;
 }
@@ -327,6 +328,8 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
                          "-metadata album=Collection"},
       {"mpeg4-aac.mp4", "-map 0 -map 1 -map_chapters -1 -c:v mpeg4 -c:a aac"}}, files));
   files->push_back(WithImplicitSbr(dir, dir.File("m/sound-only-mono.mp4")));
+  // The MPEG-4 decoder takes the layer header's size over the sample entry's.
+  files->push_back(WithSampleEntryWidth(dir, dir.File("m/mpeg4-aac.mp4"), 200, "mp4v"));
   ASSERT_TRUE(FfmpegMany(dir, "long", "-f lavfi -i testsrc=d=12:s=640x360:r=25 -f lavfi -i anoisesrc=d=12:r=44100", {
       {"mpeg2.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2 -f mpeg"},
       {"h264.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a aac -ac 2"},
@@ -361,7 +364,8 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
     for (const char* name : {"m/aac-mono-22k.mp4", "m/aac-stereo-44k.mp4", "m/aac-6ch-48k.mp4", "m/moov-first.mp4",
                              "m/no-edit-list.mp4", "m/two-sound-tracks.mp4", "m/sound-only.mp4", "m/h264-aac.mov",
                              "m/timescale-600.mp4", "m/movie-timescale.mp4", "m/sound-starts-late.mp4",
-                             "m/implicit-sbr.mp4", "m/tagged.mp4", "v/h264.mp4", "v/h264-only.mp4",
+                             "m/implicit-sbr.mp4", "m/tagged.mp4", "m/mpeg4-aac.mp4", "v/width-200-mp4v.mp4",
+                             "v/mpeg4.mov", "v/h264.mp4", "v/h264-only.mp4",
                              "long/h264.mp4"}) {
       EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";
     }

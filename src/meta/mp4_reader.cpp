@@ -336,7 +336,7 @@ constexpr uint32_t kFtyp = Fourcc("ftyp"), kMdat = Fourcc("mdat"), kFree = Fourc
                    kGama = Fourcc("gama"), kFrma = Fourcc("frma"), kMp4a = Fourcc("mp4a"), kEnda = Fourcc("enda"),
                    kKeys = Fourcc("keys"), kMdta = Fourcc("mdta"), kCovr = Fourcc("covr"), kAvif = Fourcc("avif"), kChan = Fourcc("chan"),
                    kAvc1 = Fourcc("avc1"), kAvc3 = Fourcc("avc3"),
-                   kFreeform = Fourcc("----");
+                   kFreeform = Fourcc("----"), kMp4v = Fourcc("mp4v");
 
 bool OneOf(uint32_t type, std::initializer_list<uint32_t> types) {
   for (uint32_t t : types) {
@@ -547,8 +547,8 @@ bool ReadMovieSampleEntry(ByteReader* reader, const Box& stsd, Mp4MovieTrack* tr
   if (!NextBox(reader, stsd.content + 8, stsd.end, &entry) || entry.cut) return false;
   track->format = entry.type;
   // The only formats the video path accounts for; the rest is not read.
-  if (entry.type != (track->handler == kVide ? kAvc1 : kMp4a) && entry.type != (track->handler == kVide ? kAvc3 : kMp4a))
-    return false;
+  bool video = track->handler == kVide;
+  if (video ? !OneOf(entry.type, {kAvc1, kAvc3, kMp4v}) : entry.type != kMp4a) return false;
   Box children = entry;
   if (track->handler == kVide) {
     if (entry.end - entry.content < 78 || !ReadAt(reader, entry.content, b, 78)) return false;
@@ -558,17 +558,20 @@ bool ReadMovieSampleEntry(ByteReader* reader, const Box& stsd, Mp4MovieTrack* tr
     bool palette = Be16(b + 76) == 0 && (depth == 1 || depth == 2 || depth == 4 || depth == 8 || depth > 32);
     if (palette) return false;
     children.content += 78;
-    int avcc = 0;
+    // The codec's setup: an avcC box for H.264, an ES descriptor for MPEG-4.
+    uint32_t setup = entry.type == kMp4v ? kEsds : kAvcC;
+    int setups = 0;
     bool known = EachChild(reader, children, [&](const Box& child) {
-      if (child.type == kAvcC) {
+      if (child.type == setup && setup == kEsds) return ++setups == 1 && ReadEsdsConfig(reader, child, track);
+      if (child.type == setup) {
         int64_t size = child.end - child.content;
-        if (++avcc > 1 || size > static_cast<int64_t>(kMp4ConfigLimit)) return false;
+        if (++setups > 1 || size > static_cast<int64_t>(kMp4ConfigLimit)) return false;
         track->config.resize(static_cast<size_t>(size));
         return ReadAt(reader, child.content, track->config.data(), track->config.size());
       }
       return OneOf(child.type, {kPasp, kColr, kBtrt, kClap, kFiel, kGama, kFree});
     });
-    return known && avcc == 1;
+    return known && setups == 1;
   }
   if (entry.end - entry.content < 28 || !ReadAt(reader, entry.content, b, 28)) return false;
   uint16_t version = Be16(b + 8);

@@ -30,17 +30,90 @@ constexpr uint32_t Fourcc(const char (&s)[5]) {
 // their first 3 s must stay well below that limit.
 constexpr uint64_t kEarlyBytesLimit = 4000000;
 
-// H.264 whose decoded size the sequence parameter set tells: the size the
-// sample entry gives is the one the decoder reports.
-bool PlainPicture(const Mp4MovieTrack& t) {
-  if (t.format != Fourcc("avc1") && t.format != Fourcc("avc3")) return false;
+// Reads bits from the front of a byte string; past its end, `over` is set.
+struct BitReader {
+  const uint8_t* data;
+  size_t size;
+  size_t bit = 0;
+  bool over = false;
+  uint32_t Get(int count) {
+    uint32_t value = 0;
+    for (int i = 0; i < count; ++i, ++bit) {
+      if (bit / 8 >= size) {
+        over = true;
+        return 0;
+      }
+      value = value << 1 | ((data[bit / 8] >> (7 - bit % 8)) & 1);
+    }
+    return value;
+  }
+};
+
+// Calls `each` with the last byte of every start code (00 00 01 xx) of
+// `data` and the offset just past it, until it returns false.
+template <typename Each>
+void EachStartCode(const uint8_t* data, size_t size, Each each) {
+  for (size_t i = 0; i + 3 < size; ++i) {
+    if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 && !each(data[i + 3], i + 4)) return;
+  }
+}
+
+// The picture size an MPEG-4 Part 2 decoder takes from the video object
+// layer header of the codec's setup: the one layer header, before any
+// picture, of a rectangular layer that is no studio profile. False for
+// anything else.
+bool MpegFourLayerSize(const std::string& config, int32_t* width, int32_t* height) {
+  const auto* data = reinterpret_cast<const uint8_t*>(config.data());
+  size_t layer = 0;
+  int layers = 0;
+  bool picture_first = false;
+  EachStartCode(data, config.size(), [&](uint8_t code, size_t at) {
+    if (code == 0xB6) picture_first = layers == 0;
+    if (code == 0xB6) return false;
+    if (code >= 0x20 && code <= 0x2F) layer = at, ++layers;
+    return true;
+  });
+  if (layers != 1 || picture_first) return false;
+  BitReader bits{data + layer, config.size() - layer};
+  bits.Get(1);                              // random access
+  uint32_t type = bits.Get(8);
+  if (type == 14 || type == 15) return false;  // studio profiles
+  if (bits.Get(1)) bits.Get(7);             // layer verid and priority
+  if (bits.Get(4) == 15) bits.Get(16);      // extended pixel aspect
+  if (bits.Get(1)) {                        // control parameters
+    bits.Get(3);
+    if (bits.Get(1)) bits.Get(79);          // buffer parameters
+  }
+  if (bits.Get(2) != 0) return false;       // not rectangular
+  bits.Get(1);
+  uint32_t resolution = bits.Get(16);
+  if (resolution == 0) return false;
+  int increment_bits = 1;
+  while (increment_bits < 16 && (1u << increment_bits) < resolution) ++increment_bits;
+  bits.Get(1);
+  if (bits.Get(1)) bits.Get(increment_bits);  // fixed picture rate
+  bits.Get(1);
+  *width = static_cast<int32_t>(bits.Get(13));
+  bits.Get(1);
+  *height = static_cast<int32_t>(bits.Get(13));
+  return !bits.over && *width > 0 && *height > 0;
+}
+
+// A track's picture size as its decoder reports it. H.264: the size the
+// sample entry gives, when the sequence parameter set tells the same
+// decoded size. MPEG-4 Part 2: the layer header's size (the decoder sets it
+// from the setup before the first picture).
+bool PlainPicture(const Mp4MovieTrack& t, int32_t* width, int32_t* height) {
+  if (t.format == Fourcc("mp4v")) return t.object_type == 0x20 && MpegFourLayerSize(t.config, width, height);
+  *width = t.width;
+  *height = t.height;
   if (t.width <= 0 || t.height <= 0) return false;
   H264PictureSize sps;
-  int width, height;
+  int decoded_width, decoded_height;
   const auto* config = reinterpret_cast<const uint8_t*>(t.config.data());
   if (!ReadH264PictureSize(config, t.config.size(), &sps)) return false;
-  H264DecodedSize(sps, t.width, t.height, &width, &height);
-  return width == t.width && height == t.height;
+  H264DecodedSize(sps, t.width, t.height, &decoded_width, &decoded_height);
+  return decoded_width == t.width && decoded_height == t.height;
 }
 
 // AAC (MPEG-4 and the three MPEG-2 profiles) with its config and a first
@@ -93,17 +166,35 @@ bool StartsLikeAMovie(int fd) {
   return false;
 }
 
+bool IntraPictureFirst(int fd, const Mp4MovieTrack& t) {
+  uint8_t head[256];
+  size_t want = t.first_size < sizeof head ? t.first_size : sizeof head;
+  if (pread(fd, head, want, static_cast<off_t>(t.first_offset)) != static_cast<ssize_t>(want)) return false;
+  bool intra = false;
+  EachStartCode(head, want, [&](uint8_t code, size_t at) {
+    if (code >= 0x20 && code <= 0x2F) return false;
+    if (code != 0xB6) return true;
+    intra = at < want && (head[at] >> 6) == 0;
+    return false;
+  });
+  return intra;
+}
+
 }  // namespace
 
 bool WorkOutMp4Values(const Mp4Movie& movie, int64_t length, Mp4Values* values) {
   *values = Mp4Values{};
   if (!movie.plain || movie.tagged || length <= 0) return false;
   uint64_t early = 0;
+  int32_t width = 0, height = 0;
   for (int i = 0; i < movie.track_count; ++i) {
     const Mp4MovieTrack& t = movie.tracks[i];
-    if (t.handler == Fourcc("vide") ? !PlainPicture(t) : !PlainSound(t)) return false;
+    if (t.handler == Fourcc("vide") ? !PlainPicture(t, &width, &height) : !PlainSound(t)) return false;
     if (t.handler == Fourcc("soun")) values->sound = &t;
   }
+  // As the probe stores them: the last picture's size.
+  values->width = width;
+  values->height = height;
   if (const Mp4MovieTrack* sound = values->sound) {
     for (int i = 0; i < movie.track_count; ++i)
       if (&movie.tracks[i] != sound) early += movie.tracks[i].early_bytes;
@@ -123,17 +214,12 @@ bool WorkOutMp4Values(const Mp4Movie& movie, int64_t length, Mp4Values* values) 
   double rate = static_cast<double>(length) * 8.0 * 1000000 / static_cast<double>(values->duration);
   values->bit_rate = rate >= 0 && rate <= static_cast<double>(INT64_MAX) ? static_cast<int64_t>(rate) : 0;
 
-  // As the probe stores them: the last picture's size and the last sound
-  // bit rate that is not 0.
+  // And the last sound bit rate that is not 0.
   for (int i = 0; i < movie.track_count; ++i) {
     const Mp4MovieTrack& t = movie.tracks[i];
-    if (t.handler == Fourcc("vide")) {
-      values->width = t.width;
-      values->height = t.height;
-    } else {
-      int64_t bitrate = SoundBitRate(t);
-      if (bitrate != 0) values->sound_bit_rate = bitrate;
-    }
+    if (t.handler != Fourcc("soun")) continue;
+    int64_t bitrate = SoundBitRate(t);
+    if (bitrate != 0) values->sound_bit_rate = bitrate;
   }
   return true;
 }
@@ -150,6 +236,14 @@ bool ReadMp4VideoValues(const char* path, MediaInfo* info) {
   ByteReaderAttachFile(&reader, file.get(), length);
   Mp4Values values;
   if (ReadMp4Movie(&reader, &movie) != Mp4Result::kOk || !WorkOutMp4Values(movie, length, &values)) return false;
+
+  // An MPEG-4 Part 2 track's first sample must be a picture the decoder
+  // reads with the setup's layer header: an intra picture with no layer
+  // header of its own before it.
+  for (int i = 0; i < movie.track_count; ++i) {
+    const Mp4MovieTrack& t = movie.tracks[i];
+    if (t.format == Fourcc("mp4v") && !IntraPictureFirst(fileno(file.get()), t)) return false;
+  }
 
   // The last sound's rate and channels, as its first frame decodes.
   int32_t sample_rate = 0, channels = 0;

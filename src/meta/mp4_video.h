@@ -2,8 +2,8 @@
 // the values the generic probe stores, worked out from the movie's tables
 // the way the probe's demuxer and stream analysis work them out, for the
 // files where every one of them provably comes out the same. Everything
-// else (other codecs, tags, fragments, extra tracks, unusual edits, damaged
-// tables) is left to the probe, untouched.
+// else (other codecs, other tag forms, fragments, extra tracks, unusual
+// edits, damaged tables) is left to the probe, untouched.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,9 @@ struct Mp4Values {
 };
 
 // True with the values when the movie is one the path vouches for: plain,
-// untagged, H.264 pictures whose parameter sets confirm their size, AAC
-// sound whose first frame the analysis would read first and early.
+// with tags the path reads the probe's way, H.264 pictures whose parameter
+// sets confirm their size or MPEG-4 Part 2 pictures with one layer header,
+// AAC sound whose first frame the analysis would read first and early.
+// (ReadMp4VideoValues also reads the first MPEG-4 picture's header.)
 // `length` is the file's. `values->sound` points into `movie`.
 bool WorkOutMp4Values(const Mp4Movie& movie, int64_t length, Mp4Values* values);
