@@ -323,7 +323,14 @@ TEST(Mp4Movie, InconsistentTablesAndUnaccountedBoxesAreNotPlain) {
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("----", "title")))).tagged);
   const std::string handler_last = Box("udta", FullBox("meta", 0, Box("ilst", Item("\xA9nam", "Clip")) + Hdlr("mdir")));
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), handler_last)).tagged) << "items before the handler, which the probe passes over";
-  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Box("udta", Box("\xA9nam", Be(4, 2) + Be(0, 2) + "Clip")))).tagged);
+  // QuickTime strings beside the items: ASCII, or any text under a language code the probe does not
+  // take for Mac Roman.
+  m = Movie(movie(PictureTrak(runs, 4), Box("udta", Box("\xA9nam", Be(4, 2) + Be(0, 2) + "Clip") +
+                                                     Box("\xA9" "ART", Be(5, 2) + Be(0x55C4, 2) + "Caf\xC3\xA9"))));
+  EXPECT_FALSE(m.tagged);
+  EXPECT_EQ(m.tags.title + "|" + m.tags.artist, "Clip|Caf\xC3\xA9");
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Box("udta", Box("\xA9nam", Be(5, 2) + Be(0, 2) + "Caf\xC3\xA9")))).tagged)
+      << "Mac Roman";
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4, Box("udta", Box("\xA9" "ART", Be(4, 2) + Be(0, 2) + "Band"))))).tagged);
   EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("covr", "\x89PNG")))).tagged);
 }

@@ -326,6 +326,7 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
       {"chapters.mp4", "-map 0 -map 1 -map_chapters 7 " + x264 + yuv420 + "-c:a aac"},
       {"tagged.mp4", h264 + "-map 1 -c:a aac -metadata title=Clip -metadata artist=Band -metadata date=2001 "
                          "-metadata album=Collection"},
+      {"tagged.mov", h264 + "-map 1 -c:a aac -f mov -metadata title=Clip -metadata artist=Band -metadata date=2001"},
       {"mpeg4-aac.mp4", "-map 0 -map 1 -map_chapters -1 -c:v mpeg4 -c:a aac"}}, files));
   files->push_back(WithImplicitSbr(dir, dir.File("m/sound-only-mono.mp4")));
   // The MPEG-4 decoder takes the layer header's size over the sample entry's.
@@ -364,7 +365,7 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
     for (const char* name : {"m/aac-mono-22k.mp4", "m/aac-stereo-44k.mp4", "m/aac-6ch-48k.mp4", "m/moov-first.mp4",
                              "m/no-edit-list.mp4", "m/two-sound-tracks.mp4", "m/sound-only.mp4", "m/h264-aac.mov",
                              "m/timescale-600.mp4", "m/movie-timescale.mp4", "m/sound-starts-late.mp4",
-                             "m/implicit-sbr.mp4", "m/tagged.mp4", "m/mpeg4-aac.mp4", "v/width-200-mp4v.mp4",
+                             "m/implicit-sbr.mp4", "m/tagged.mp4", "m/tagged.mov", "m/mpeg4-aac.mp4", "v/width-200-mp4v.mp4",
                              "v/mpeg4.mov", "v/h264.mp4", "v/h264-only.mp4",
                              "long/h264.mp4"}) {
       EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";

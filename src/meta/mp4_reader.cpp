@@ -399,17 +399,55 @@ bool UdtaHasRecordTags(ByteReader* reader, const Box& udta) {
   return tags;
 }
 
+// Where the text of an item or string of `type` goes, by the name the probe
+// gives it; null for the types read otherwise or not at all.
+std::string* TagText(uint32_t type, Mp4MovieTags* tags) {
+  switch (type) {
+    case kName: return &tags->title;
+    case kArtist: case Fourcc("\xa9" "aut"): return &tags->artist;
+    case kAlbum: return &tags->album;
+    case kDay: return &tags->date;
+    case kGenreText: return &tags->genre;
+    case Fourcc("\xa9trk"): return &tags->track;
+    default: return nullptr;
+  }
+}
+
+// A QuickTime string straight in 'udta': a 16-bit length, a language code
+// and the text. Under a Macintosh language code the probe converts the
+// bytes from Mac Roman; only pure ASCII reads the same either way. False
+// for that and for lengths the probe reads past the box or as raw data.
+bool ReadQuickTimeString(ByteReader* reader, const Box& box, std::string* text) {
+  uint8_t b[4];
+  int64_t content = box.end - box.content;
+  if (content <= 4 || !ReadAt(reader, box.content, b, 4)) return false;
+  uint16_t length = Be16(b), language = Be16(b + 2);
+  if (length > content - 4 || length > kMp4TagTextLimit) return false;
+  text->resize(length);
+  if (!ReadAt(reader, box.content + 4, text->data(), length)) return false;
+  text->resize(strnlen(text->data(), text->size()));
+  bool mac = language < 0x400 || language == 0x7fff;
+  for (char c : *text) {
+    if (mac && static_cast<uint8_t>(c) >= 0x80) return false;
+  }
+  return true;
+}
+
 // The movie's iTunes items ('moov'/'udta'/'meta'/'ilst') as the probe's
 // demuxer turns them into tags: the first child of each item must be its
 // 'data' box, text items are UTF-8 (type 1) and end at their first NUL, a
 // track number is the first 16-bit signed number, and a later item of a
 // name wins. False (the file is left to the probe) for what that path does
 // not follow: other text types, genre numbers, cover art, freeform items,
-// names keyed elsewhere, tags outside the items, a 'meta' box not starting
-// with its handler.
+// names keyed elsewhere, a 'meta' box not starting with its handler. The
+// QuickTime strings beside the items are read too (ReadQuickTimeString).
 bool ReadMovieTags(ByteReader* reader, const Box& udta, Mp4MovieTags* tags) {
   return EachChild(reader, udta, [&](const Box& child) {
-    if (child.type != kMeta) return !RecordTagType(child.type);
+    if (child.type != kMeta) {
+      if (!RecordTagType(child.type)) return true;
+      std::string* text = TagText(child.type, tags);
+      return text != nullptr && ReadQuickTimeString(reader, child, text);
+    }
     Box meta = child;
     uint8_t b[16];
     if (!ReadAt(reader, meta.content, b, 8)) return false;
@@ -423,16 +461,8 @@ bool ReadMovieTags(ByteReader* reader, const Box& udta, Mp4MovieTags* tags) {
       if (box.type == kHdlr) return ReadAt(reader, box.content, b, 12) && Be32(b + 8) != kMdta;
       if (box.type != kIlst) return true;
       return EachChild(reader, box, [&](const Box& item) {
-        std::string* text = nullptr;
-        switch (item.type) {
-          case kName: text = &tags->title; break;
-          case kArtist: case Fourcc("\xa9" "aut"): text = &tags->artist; break;
-          case kAlbum: text = &tags->album; break;
-          case kDay: text = &tags->date; break;
-          case kGenreText: text = &tags->genre; break;
-          case kTrackNumber: case Fourcc("\xa9trk"): text = &tags->track; break;
-          default: return !RecordTagType(item.type);
-        }
+        std::string* text = item.type == kTrackNumber ? &tags->track : TagText(item.type, tags);
+        if (text == nullptr) return !RecordTagType(item.type);
         if (item.end - item.content <= 8 || !ReadAt(reader, item.content, b, 16)) return true;
         uint64_t size = Be32(b);
         if (Be32(b + 4) != kData || size < 16 || size > static_cast<uint64_t>(item.end - item.content)) return true;
