@@ -232,6 +232,109 @@ TEST(Mp4Boxes, DamagedBoxesKeepWhatCameBeforeThem) {
   EXPECT_EQ(not_mp4, static_cast<int>(Ftyp().size()) + 8) << "only cuts before the movie box's header";
 }
 
+// The movie as the video path reads it, built byte by byte: one picture track of ten 1-second samples
+// whose sizes are 100..1000, in chunks the sample-to-chunk runs describe, and its edit list.
+std::string Words(std::initializer_list<uint32_t> words) {
+  std::string out;
+  for (uint32_t w : words) out += Be(w, 4);
+  return out;
+}
+std::string Mvhd(uint32_t scale, uint32_t duration) {
+  return FullBox("mvhd", 0, std::string(8, '\0') + Be(scale, 4) + Be(duration, 4) + std::string(80, '\0'));
+}
+std::string PictureTrak(const std::string& stsc, int chunks, const std::string& extra_trak = "",
+                        const std::string& edits = "") {
+  std::string sizes;
+  for (uint32_t i = 1; i <= 10; ++i) sizes += Be(100 * i, 4);
+  std::string offsets;
+  for (int i = 0; i < chunks; ++i) offsets += Be(5000 + 1000 * i, 4);
+  std::string stbl = Box("stbl", FullBox("stsd", 0, Be(1, 4) + Visual(320, 240, Box("avcC", "any"))) +
+                                     FullBox("stts", 0, Words({1, 10, 1000})) + FullBox("stsc", 0, stsc) +
+                                     FullBox("stsz", 0, Words({0, 10}) + sizes) +
+                                     FullBox("stco", 0, Be(chunks, 4) + offsets));
+  std::string edts = edits.empty() ? "" : Box("edts", FullBox("elst", 0, edits));
+  return Box("trak", FullBox("tkhd", 0, std::string(80, '\0')) + edts + extra_trak +
+                         Box("mdia", Mdhd(1000, 9500) + Hdlr("vide") + Box("minf", stbl)));
+}
+Mp4Movie Movie(const std::string& bytes) {
+  Mp4Movie movie;
+  EXPECT_EQ(ReadMp4MovieMemory(bytes.data(), bytes.size(), &movie), Mp4Result::kOk);
+  return movie;
+}
+
+// What the bit rates, the first frame and the read-ahead bound are worked out from.
+TEST(Mp4Movie, SampleTablesGiveTotalsFirstSampleAndTheBytesOfTheFirstSecondsAfterTheEdit) {
+  // Runs of 3 samples per chunk from chunk 1 and 2 from chunk 3: 3 + 3 + 2 + 2 samples in 4 chunks.
+  const std::string runs = Words({2, 1, 3, 1, 3, 2, 1});
+  Mp4Movie m = Movie(Ftyp() + Box("moov", Mvhd(600, 6000) + PictureTrak(runs, 4, "", Words({1, 9000, 2000, 0x10000}))));
+  ASSERT_TRUE(m.plain);
+  const Mp4MovieTrack& t = m.tracks[0];
+  EXPECT_EQ(t.first_offset, 5000u);
+  EXPECT_EQ(t.first_size, 100u);
+  EXPECT_EQ(t.table_duration, 10000u);
+  EXPECT_EQ(t.duration, 9500u);
+  EXPECT_EQ(t.media_time, 2000);
+  EXPECT_EQ(t.early_bytes, 1500u) << "samples starting before 2 s + 3 s";
+  EXPECT_EQ(std::to_string(t.width) + "x" + std::to_string(t.height), "320x240");
+  EXPECT_EQ(m.time_scale * 10 + m.duration, 600u * 10 + 6000u);
+
+  // An empty first edit delays the media; the next edit says where it starts.
+  m = Movie(Ftyp() + Box("moov", Mvhd(600, 6000) + PictureTrak(runs, 4, "", Words({2, 300, 0xFFFFFFFF, 0x10000, 9000, 0, 0x10000}))));
+  EXPECT_TRUE(m.plain);
+  EXPECT_EQ(m.tracks[0].empty_edit * 1000 + m.tracks[0].media_time, 300000);
+}
+
+// Whatever would make the probe's values depend on more than these tables leaves the file to the probe.
+TEST(Mp4Movie, InconsistentTablesAndUnaccountedBoxesAreNotPlain) {
+  const std::string runs = Words({2, 1, 3, 1, 3, 2, 1});
+  auto movie = [](const std::string& trak, const std::string& more_moov = "", const std::string& after = "") {
+    return Ftyp() + Box("moov", Mvhd(600, 6000) + trak + more_moov) + after;
+  };
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4))).plain);
+  struct { const char* fault; std::string bytes; } cases[] = {
+      {"runs place 12 samples, sizes say 10", movie(PictureTrak(runs, 5))},
+      {"runs not from chunk 1", movie(PictureTrak(Words({1, 2, 5, 1}), 2))},
+      {"a second sample description", movie(PictureTrak(Words({2, 1, 3, 2, 3, 2, 1}), 4))},
+      {"an edit at another rate", movie(PictureTrak(runs, 4, "", Words({1, 9000, 0, 0x20000})))},
+      {"a reference to a chapter track", movie(PictureTrak(runs, 4, Box("tref", Box("chap", Be(2, 4)))))},
+      {"fragments", movie(PictureTrak(runs, 4), Box("mvex", ""))},
+      {"a movie fragment after the movie", movie(PictureTrak(runs, 4), "", Box("moof", ""))},
+      {"no movie duration", Ftyp() + Box("moov", Mvhd(600, 0) + PictureTrak(runs, 4))},
+      {"a track claiming more than the movie holds", movie(PictureTrak(runs, 4).replace(0, 4, Be(0xFFFF, 4)))},
+      {"nine tracks", movie(PictureTrak(runs, 4) + PictureTrak(runs, 4) + PictureTrak(runs, 4) +
+                            PictureTrak(runs, 4) + PictureTrak(runs, 4) + PictureTrak(runs, 4) +
+                            PictureTrak(runs, 4) + PictureTrak(runs, 4) + PictureTrak(runs, 4))},
+  };
+  for (const auto& c : cases) {
+    Mp4Movie m;
+    Mp4Result r = ReadMp4MovieMemory(c.bytes.data(), c.bytes.size(), &m);
+    EXPECT_TRUE(r != Mp4Result::kOk || !m.plain) << c.fault;
+  }
+  // The movie's UTF-8 items are read as the probe names them, the later of two names winning; tags
+  // the record would take in any other form, or anywhere else, leave the file to the probe.
+  Mp4Movie m = Movie(movie(PictureTrak(runs, 4), Udta(Item("\xA9too", "Lavf") + Item("\xA9nam", std::string("Cl\0ip", 5)) +
+                                                      Item("\xA9" "ART", "One") + Item("\xA9" "aut", "Two") +
+                                                      Item("trkn", Be(0, 2) + Be(0xFFFE, 2) + Be(9, 2)))));
+  EXPECT_FALSE(m.tagged);
+  EXPECT_EQ(m.tags.title + "|" + m.tags.artist + "|" + m.tags.track, "Cl|Two|-2");
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Box("\xA9" "day", Box("data", Be(0, 4) + Be(0, 4) + "\xA9 2001"))))).tagged)
+      << "Mac-encoded text";
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("gnre", Be(8, 2))))).tagged);
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("----", "title")))).tagged);
+  const std::string handler_last = Box("udta", FullBox("meta", 0, Box("ilst", Item("\xA9nam", "Clip")) + Hdlr("mdir")));
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), handler_last)).tagged) << "items before the handler, which the probe passes over";
+  // QuickTime strings beside the items: ASCII, or any text under a language code the probe does not
+  // take for Mac Roman.
+  m = Movie(movie(PictureTrak(runs, 4), Box("udta", Box("\xA9nam", Be(4, 2) + Be(0, 2) + "Clip") +
+                                                     Box("\xA9" "ART", Be(5, 2) + Be(0x55C4, 2) + "Caf\xC3\xA9"))));
+  EXPECT_FALSE(m.tagged);
+  EXPECT_EQ(m.tags.title + "|" + m.tags.artist, "Clip|Caf\xC3\xA9");
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Box("udta", Box("\xA9nam", Be(5, 2) + Be(0, 2) + "Caf\xC3\xA9")))).tagged)
+      << "Mac Roman";
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4, Box("udta", Box("\xA9" "ART", Be(4, 2) + Be(0, 2) + "Band"))))).tagged);
+  EXPECT_TRUE(Movie(movie(PictureTrak(runs, 4), Udta(Item("covr", "\x89PNG")))).tagged);
+}
+
 TEST(Mp4Boxes, NoMovieOrNoTrackIsSavedWithDefaultsAndLogged) {
   REQUIRE_FFMPEG();
   TempDir dir;

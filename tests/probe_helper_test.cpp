@@ -1,6 +1,7 @@
 // The probe helper's side of the prober: what never reaches it, a reply it must not be trusted with,
 // and a helper that died while idle. Crafted files, a crash or hang and the helper's own rights are
 // checked through the daemon in probe_helper_sandbox_test.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -8,6 +9,7 @@
 
 #include "formats_testutil.h"
 #include "meta/metamedia.h"
+#include "meta/mp4_reader.h"
 #include "meta/probe_helper.h"
 
 using namespace formats_test;
@@ -105,6 +107,52 @@ TEST_F(ProbeHelper, ReplyTouchesOnlyTheProbedFields) {
   const size_t photoFields = offsetof(MediaInfo, duration) - offsetof(MediaInfo, camera_make);
   EXPECT_EQ(memcmp(info.camera_make, before.camera_make, photoFields), 0);
   EXPECT_EQ(memcmp(&info.reserved1, &before.reserved1, sizeof info - offsetof(MediaInfo, reserved1)), 0);
+}
+
+// The AAC request of the MP4 video path: the decoder's answer for a real first frame; a unit that
+// cannot be read is a plain "no" that keeps the helper; a crash costs that one answer and the next
+// request gets a new helper.
+TEST_F(ProbeHelper, AacRequestAnswersOrFailsAloneAndACrashCostsOnlyThatAnswer) {
+  REQUIRE_FFMPEG();
+  std::string mp4 = dir_.File("video/mono.mp4"), crash = dir_.File("video/crash.mp4");
+  ASSERT_TRUE(Ffmpeg(kSine + "-c:a aac -ac 1 " + mp4));
+  std::ofstream(crash) << "ORVO-TEST-CRASH";
+  Mp4Movie movie;
+  std::string bytes = ReadBytes(mp4);
+  ASSERT_EQ(ReadMp4MovieMemory(bytes.data(), bytes.size(), &movie), Mp4Result::kOk);
+  const Mp4MovieTrack& sound = movie.tracks[0];
+  AacUnit unit;
+  memset(&unit, 0, sizeof unit);
+  unit.offset = static_cast<int64_t>(sound.first_offset);
+  unit.size = sound.first_size;
+  unit.config_size = static_cast<uint32_t>(sound.config.size());
+  memcpy(unit.config, sound.config.data(), sound.config.size());
+  auto ask = [&unit](const std::string& path, int32_t* rate, int32_t* channels) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    bool answered = DecodeAacInHelper(fd, path.c_str(), unit, rate, channels);
+    close(fd);
+    return answered;
+  };
+  orvo::test::LogCapture log;
+  int32_t rate = 0, channels = 0;
+  ASSERT_TRUE(ask(mp4, &rate, &channels));
+  EXPECT_EQ(rate, 22050);
+  EXPECT_EQ(channels, 1);
+  const pid_t helper = ProbeHelperPid();
+
+  unit.offset = static_cast<int64_t>(bytes.size()) - 2;  // runs past the end
+  EXPECT_FALSE(ask(mp4, &rate, &channels));
+  EXPECT_EQ(ProbeHelperPid(), helper);
+  EXPECT_TRUE(log.messages().empty()) << log.messages().front();
+
+  unit.offset = static_cast<int64_t>(sound.first_offset);
+  EXPECT_FALSE(ask(crash, &rate, &channels));
+  EXPECT_TRUE(log.Contains("The probe helper ended (signal 4) while reading [" + crash + "]."));
+  EXPECT_EQ(ProbeHelperPid(), 0);
+  rate = channels = 0;
+  ASSERT_TRUE(ask(mp4, &rate, &channels));
+  EXPECT_EQ(rate, 22050);
+  EXPECT_NE(ProbeHelperPid(), helper);
 }
 
 }  // namespace

@@ -1,11 +1,15 @@
 // The audio and video handlers (probe, MPEG video) on built and ffmpeg-made files and the corpus.
 #include <unistd.h>
 
+#include <set>
+
 #include "formats_testutil.h"
 #include "mp3_test_bytes.h"
 #include "meta/metamedia.h"
 #include "meta/h264_sps.h"
 #include "meta/metavideo.h"
+#include "meta/mp4_reader.h"
+#include "meta/mp4_video.h"
 #include "platform/orvodb.h"
 
 using namespace formats_test;
@@ -181,14 +185,34 @@ std::string CoverComment() {
   return "METADATA_BLOCK_PICTURE=" + b64;
 }
 
-// A copy of an MP4 whose H.264 sample entry claims another picture width.
-std::string WithSampleEntryWidth(const TempDir& dir, const std::string& mp4, int width) {
+// A copy of an MP4 whose picture sample entry (`format`) claims another picture width.
+std::string WithSampleEntryWidth(const TempDir& dir, const std::string& mp4, int width,
+                                 const std::string& format = "avc1") {
   std::string bytes = ReadBytes(mp4);
-  size_t at = bytes.find("avc1", bytes.find("stsd"));
+  size_t at = bytes.find(format, bytes.find("stsd"));
   if (at == std::string::npos || at + 30 > bytes.size()) return "";
   bytes[at + 28] = static_cast<char>(width >> 8);
   bytes[at + 29] = static_cast<char>(width);
-  std::string copy = dir.File("v/width-" + std::to_string(width) + ".mp4");
+  std::string copy = dir.File("v/width-" + std::to_string(width) + "-" + format + ".mp4");
+  WriteBytes(copy, bytes);
+  return copy;
+}
+
+// A copy of a mono AAC MP4 whose config leaves SBR open (its sync extension zeroed) and whose first
+// frame is a silent channel element followed by an SBR extension: the decoder doubles the rate and
+// turns on parametric stereo there, which no header of the file says.
+std::string WithImplicitSbr(const TempDir& dir, const std::string& mp4) {
+  std::string bytes = ReadBytes(mp4);
+  Mp4Movie movie;
+  if (ReadMp4MovieMemory(bytes.data(), bytes.size(), &movie) != Mp4Result::kOk) return "";
+  const Mp4MovieTrack& sound = movie.tracks[movie.track_count - 1];
+  size_t config = bytes.find(sound.config, bytes.find("esds"));
+  if (config == std::string::npos || sound.first_size < 7) return "";
+  for (size_t i = 2; i < sound.config.size(); ++i) bytes[config + i] = 0;
+  const char frame[7] = {0x00, char(0xc8), 0x00, 0x06, 0x2d, 0x00, 0x0e};
+  bytes.replace(sound.first_offset, sound.first_size, std::string(sound.first_size, '\0'));
+  bytes.replace(sound.first_offset, sizeof frame, frame, sizeof frame);
+  std::string copy = dir.File("m/implicit-sbr.mp4");
   WriteBytes(copy, bytes);
   return copy;
 }
@@ -272,6 +296,41 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
   // macroblock, replaced by it outside.
   std::string cropped = dir.File("v/h264-cropped.mp4");
   for (int width : {98, 96, 104}) files->push_back(WithSampleEntryWidth(dir, cropped, width));
+  // MP4 and QuickTime layouts for the box path: the ones it serves and the ones it leaves to the probe.
+  WriteBytes(dir.File("m/cue.srt"), "1\n00:00:00,500 --> 00:00:02,000\nHello\n");
+  WriteBytes(dir.File("m/chapters.txt"), ";FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=2000\ntitle=One\n"
+                                         "[CHAPTER]\nTIMEBASE=1/1000\nSTART=2000\nEND=4000\ntitle=Two\n");
+  const std::string movie_in = "-f lavfi -i testsrc=d=4:s=320x240:r=25 -f lavfi -i sine=d=4:f=440:sample_rate=48000 "
+                               "-f lavfi -i anoisesrc=d=4:r=44100 -itsoffset 0.5 -f lavfi -i sine=d=3:f=330 "
+                               "-itsoffset 2.5 -f lavfi -i sine=d=1:f=330 -f lavfi -i color=c=red:s=32x32:d=0.04 -i '" +
+                               dir.File("m/cue.srt") + "' -i '" + dir.File("m/chapters.txt") + "'";
+  const std::string h264 = "-map 0 -map_chapters -1 " + x264 + yuv420;
+  ASSERT_TRUE(FfmpegMany(dir, "m", movie_in, {
+      {"aac-mono-22k.mp4", h264 + "-map 1 -c:a aac -ac 1 -ar 22050"},
+      {"aac-stereo-44k.mp4", h264 + "-map 2 -c:a aac -ac 2"},
+      {"aac-6ch-48k.mp4", h264 + "-map 1 -c:a aac -ac 6"},
+      {"moov-first.mp4", h264 + "-map 1 -c:a aac -movflags +faststart"},
+      {"no-edit-list.mp4", h264 + "-map 1 -c:a aac -use_editlist 0"},
+      {"two-sound-tracks.mp4", h264 + "-map 1 -map 2 -c:a aac -ac:a:1 1 -ar:a:1 22050"},
+      {"sound-only.mp4", "-map 2 -map_chapters -1 -c:a aac -metadata album=Record -metadata title=Song "
+                         "-metadata track=3/9 -metadata genre=Jazz -metadata date=1999-03 -metadata artist=Band"},
+      {"sound-only-mono.mp4", "-map 1 -map_chapters -1 -c:a aac -ac 1 -ar 22050"},
+      {"h264-aac.mov", h264 + "-map 1 -c:a aac -f mov"},
+      {"timescale-600.mp4", h264 + "-map 2 -video_track_timescale 600 -c:a aac -ar 11025"},
+      {"movie-timescale.mp4", h264 + "-map 1 -c:a aac -movie_timescale 90000"},
+      {"sound-starts-late.mp4", h264 + "-map 3 -c:a aac"},
+      {"sound-starts-later.mp4", h264 + "-map 4 -c:a aac"},
+      {"timecode.mov", h264 + "-map 1 -c:a aac -timecode 01:00:00:00 -f mov"},
+      {"cover.mp4", h264 + "-map 1 -map 5 -c:v:1 png -disposition:v:1 attached_pic -c:a aac"},
+      {"subtitles.mp4", h264 + "-map 1 -map 6 -c:a aac -c:s mov_text"},
+      {"chapters.mp4", "-map 0 -map 1 -map_chapters 7 " + x264 + yuv420 + "-c:a aac"},
+      {"tagged.mp4", h264 + "-map 1 -c:a aac -metadata title=Clip -metadata artist=Band -metadata date=2001 "
+                         "-metadata album=Collection"},
+      {"tagged.mov", h264 + "-map 1 -c:a aac -f mov -metadata title=Clip -metadata artist=Band -metadata date=2001"},
+      {"mpeg4-aac.mp4", "-map 0 -map 1 -map_chapters -1 -c:v mpeg4 -c:a aac"}}, files));
+  files->push_back(WithImplicitSbr(dir, dir.File("m/sound-only-mono.mp4")));
+  // The MPEG-4 decoder takes the layer header's size over the sample entry's.
+  files->push_back(WithSampleEntryWidth(dir, dir.File("m/mpeg4-aac.mp4"), 200, "mp4v"));
   ASSERT_TRUE(FfmpegMany(dir, "long", "-f lavfi -i testsrc=d=12:s=640x360:r=25 -f lavfi -i anoisesrc=d=12:r=44100", {
       {"mpeg2.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2 -f mpeg"},
       {"h264.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a aac -ac 2"},
@@ -290,13 +349,33 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
   if (HaveFfmpeg()) MakeGeneratedSet(dir, &files);
   if (files.empty()) GTEST_SKIP() << "neither the corpus nor ffmpeg";
   orvo::test::LogCapture quiet;
+  std::set<std::string> served;
   for (const auto& f : files) {
-    MediaInfo tuned, plain;
+    MediaInfo tuned, plain, boxes;
     memset(&tuned, 0, sizeof tuned);
     memset(&plain, 0, sizeof plain);
+    memset(&boxes, 0, sizeof boxes);
     EXPECT_EQ(ReadMediaInfo(f.c_str(), &tuned, ProbeMode::kTuned),
               ReadMediaInfo(f.c_str(), &plain, ProbeMode::kLibraryDefaults)) << f;
     EXPECT_EQ(memcmp(&tuned, &plain, sizeof tuned), 0) << f << "\n" << Stored(tuned) << "\n" << Stored(plain);
+    if (ReadMp4VideoValues(f.c_str(), &boxes)) served.insert(f.substr(f.rfind('/', f.rfind('/') - 1) + 1));
+  }
+  // The box path must really serve the plain layouts, or the comparison above proves nothing about it.
+  if (HaveFfmpeg()) {
+    for (const char* name : {"m/aac-mono-22k.mp4", "m/aac-stereo-44k.mp4", "m/aac-6ch-48k.mp4", "m/moov-first.mp4",
+                             "m/no-edit-list.mp4", "m/two-sound-tracks.mp4", "m/sound-only.mp4", "m/h264-aac.mov",
+                             "m/timescale-600.mp4", "m/movie-timescale.mp4", "m/sound-starts-late.mp4",
+                             "m/implicit-sbr.mp4", "m/tagged.mp4", "m/tagged.mov", "m/mpeg4-aac.mp4", "v/width-200-mp4v.mp4",
+                             "v/mpeg4.mov", "v/h264.mp4", "v/h264-only.mp4",
+                             "long/h264.mp4"}) {
+      EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";
+    }
+    // The decoder, not the headers, gives this file's rate and channels.
+    MediaInfo sbr;
+    memset(&sbr, 0, sizeof sbr);
+    ASSERT_EQ(ReadMediaInfo(dir.File("m/implicit-sbr.mp4").c_str(), &sbr), 0);
+    EXPECT_EQ(sbr.frequency, 44100);
+    EXPECT_EQ(sbr.channels, 2);
   }
 }
 

@@ -19,6 +19,7 @@ extern "C" {
 }
 
 #include "meta/descriptor_input.h"
+#include "meta/mp4_video.h"
 #include "meta/probe_helper.h"
 #include "meta/probe_tuning.h"
 #include "platform/log.h"
@@ -325,6 +326,11 @@ int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
   // The advice holds for the open file, so the helper's reads through this
   // descriptor read no more than libavformat asks for.
   AdviseFewReads(fd);
+  // MP4 and QuickTime video our box reader can vouch for never reach the probe.
+  if (mode == ProbeMode::kTuned && ReadMp4VideoValues(fd, path, st.st_size, info)) {
+    close(fd);
+    return 0;
+  }
   int result = ProbeInHelper(fd, path, info, mode);
   close(fd);
   return result;

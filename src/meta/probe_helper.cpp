@@ -36,6 +36,8 @@ namespace {
 // request has a fixed size; the reply is sent up to the end of its text.
 
 constexpr uint32_t kRequestMagic = 0x4f525251;  // "ORRQ"
+constexpr int32_t kProbeRequest = 0;            // probe the file
+constexpr int32_t kAacRequest = 1;              // decode one AAC access unit of it
 constexpr uint32_t kReplyMagic = 0x4f525250;    // "ORRP"
 constexpr size_t kMaxMessages = 4;              // the probe logs one message at most today
 constexpr size_t kMessageBytes = 8192;          // orvo::Log's own bound
@@ -43,9 +45,11 @@ constexpr size_t kMessageBytes = 8192;          // orvo::Log's own bound
 struct ProbeRequest {
   uint32_t magic;
   uint32_t sequence;
+  int32_t kind;      // kProbeRequest or kAacRequest
   int32_t mode;      // ProbeMode
   char path[4096];   // a longer path cannot have been opened
   MediaInfo info;    // the record as the caller holds it: the probe only overwrites
+  AacUnit unit;      // kAacRequest: the unit; the reply's frequency and channels answer
 };
 
 struct ProbeReply {
@@ -242,6 +246,7 @@ int AttachedDescriptor(msghdr* msg) {
   // Everything that opens files comes before the filter: the library and its
   // dependencies, the user database.
   LoadAv();
+  LoadAacDecoder();
   DropPrivileges();
   const bool confined = Confine();
   if (!confined) {
@@ -269,9 +274,13 @@ int AttachedDescriptor(msghdr* msg) {
     reply.result = -1;
     if (confined) {
       if (testFaults) RunTestFault(fd);
+      if (request.kind == kAacRequest) {
+        reply.result = DecodeAacUnit(fd, request.unit, &reply.info.frequency, &reply.info.channels) ? 0 : -1;
+      } else {
       ProbeMode mode = request.mode == static_cast<int32_t>(ProbeMode::kLibraryDefaults) ? ProbeMode::kLibraryDefaults
                                                                                            : ProbeMode::kTuned;
       reply.result = ProbeDescriptor(fd, request.path, &reply.info, mode);
+      }
     }
     close(fd);
     iovec out{&reply, ReplySize(reply)};
@@ -436,38 +445,32 @@ int ReadReply(uint32_t sequence, ProbeReply& reply) {
   return 1;
 }
 
-}  // namespace
-
-int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
-  // Deliberate departure: libavformat no longer runs in the daemon, so no file can crash, hang or steer it.
-  static ProbeRequest request;
-  memset(&request, 0, sizeof request);
-  request.magic = kRequestMagic;
-  request.mode = static_cast<int32_t>(mode);
-  snprintf(request.path, sizeof request.path, "%s", path);
-  request.info = *info;
-
+// Hands `request` and the file to the helper and reads the reply: the
+// reply, or null after logging why the helper failed (it is then stopped).
+const ProbeReply* Ask(ProbeRequest* request, int fd, const char* path) {
+  request->magic = kRequestMagic;
+  snprintf(request->path, sizeof request->path, "%s", path);
   // A helper that went away while idle is replaced, and the file sent again.
   bool sent = false;
   for (int attempt = 0; attempt < 2 && !sent; ++attempt) {
-    if (!EnsureHelper()) return -1;
-    request.sequence = ++gHelper.sequence;
-    sent = SendRequest(request, fd);
+    if (!EnsureHelper()) return nullptr;
+    request->sequence = ++gHelper.sequence;
+    sent = SendRequest(*request, fd);
     if (!sent) StopHelper();
   }
   if (!sent) {
     ORVO_LOG("%s (%d) Failed to hand [%s] to the probe helper.", path);
-    return -1;
+    return nullptr;
   }
 
   if (!WaitForReply(NowMs() + kProbeDeadlineSeconds * 1000)) {
     StopHelper();
     ORVO_LOG("%s (%d) The probe helper took more than %d seconds on [%s] and was stopped.", kProbeDeadlineSeconds,
              path);
-    return -1;
+    return nullptr;
   }
   static ProbeReply reply;
-  int read = ReadReply(request.sequence, reply);
+  int read = ReadReply(request->sequence, reply);
   if (read <= 0) {
     int status = StopHelper();
     if (read == 0) {
@@ -477,7 +480,7 @@ int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
     } else {
       ORVO_LOG("%s (%d) The probe helper answered nonsense for [%s] and was stopped.", path);
     }
-    return -1;
+    return nullptr;
   }
   // The text ends in '\0' (checked), so every message does.
   const char* message = reply.text;
@@ -485,8 +488,34 @@ int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
     orvo::Log("%s", message);
     message += strlen(message) + 1;
   }
-  CopyProbedFields(reply.info, info);
-  return reply.result;
+  return &reply;
+}
+
+}  // namespace
+
+int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
+  // Deliberate departure: libavformat no longer runs in the daemon, so no file can crash, hang or steer it.
+  static ProbeRequest request;
+  memset(&request, 0, sizeof request);
+  request.kind = kProbeRequest;
+  request.mode = static_cast<int32_t>(mode);
+  request.info = *info;
+  const ProbeReply* reply = Ask(&request, fd, path);
+  if (reply == nullptr) return -1;
+  CopyProbedFields(reply->info, info);
+  return reply->result;
+}
+
+bool DecodeAacInHelper(int fd, const char* path, const AacUnit& unit, int32_t* sample_rate, int32_t* channels) {
+  static ProbeRequest request;
+  memset(&request, 0, sizeof request);
+  request.kind = kAacRequest;
+  request.unit = unit;
+  const ProbeReply* reply = Ask(&request, fd, path);
+  if (reply == nullptr || reply->result != 0) return false;
+  *sample_rate = reply->info.frequency;
+  *channels = reply->info.channels;
+  return true;
 }
 
 pid_t ProbeHelperPid() { return gHelper.owner == getpid() ? gHelper.pid : 0; }

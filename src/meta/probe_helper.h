@@ -4,7 +4,8 @@
 // lives as long as this process. This process opens each file and hands the
 // descriptor over a socket; the helper reads through that descriptor only
 // and answers with a plain record: the probed fields and the messages the
-// probe logged, which are logged here in the same words.
+// probe logged, which are logged here in the same words. A second, lighter
+// request decodes one AAC access unit of the file for the MP4 video path.
 //
 // The helper ("orvoprobe" in ps) closes every inherited descriptor, loads
 // libavformat, drops to user nobody when it runs as root, and then confines
@@ -18,6 +19,7 @@
 
 #include <sys/types.h>
 
+#include "meta/aac_decode.h"
 #include "meta/metamedia.h"
 #include "platform/media_info.h"
 
@@ -30,6 +32,13 @@ inline constexpr int kProbeDeadlineSeconds = 5;
 // why when the helper could not be started, crashed, ran past the deadline
 // or answered nonsense. Never blocks longer than the deadline.
 int ProbeInHelper(int fd, const char* path, MediaInfo* info, ProbeMode mode);
+
+// Decodes one AAC access unit of the regular file open as `fd` (named
+// `path`) in the helper (see meta/aac_decode.h): true with the decoder's
+// rate and channel count; false when the decoder gave none, or after
+// logging why the helper failed, with the same deadline and failure
+// handling as a probe.
+bool DecodeAacInHelper(int fd, const char* path, const AacUnit& unit, int32_t* sample_rate, int32_t* channels);
 
 // The running helper's pid, 0 when none runs (tests and benchmarks).
 pid_t ProbeHelperPid();
