@@ -277,9 +277,10 @@ int AttachedDescriptor(msghdr* msg) {
       if (request.kind == kAacRequest) {
         reply.result = DecodeAacUnit(fd, request.unit, &reply.info.frequency, &reply.info.channels) ? 0 : -1;
       } else {
-      ProbeMode mode = request.mode == static_cast<int32_t>(ProbeMode::kLibraryDefaults) ? ProbeMode::kLibraryDefaults
-                                                                                           : ProbeMode::kTuned;
-      reply.result = ProbeDescriptor(fd, request.path, &reply.info, mode);
+        ProbeMode mode = request.mode == static_cast<int32_t>(ProbeMode::kLibraryDefaults)
+                             ? ProbeMode::kLibraryDefaults
+                             : ProbeMode::kTuned;
+        reply.result = ProbeDescriptor(fd, request.path, &reply.info, mode);
       }
     }
     close(fd);
