@@ -96,18 +96,22 @@ void WalkEntry(const char* child, unsigned char entryType, int operation, int ty
 
 // Asks the disk, without waiting, for what the file's index handler will
 // read first (its row's read span). Advice only: the handler opens and reads
-// the file itself as it always did.
-void AskForReadSpan(const char* path) {
+// the file itself as it always did. Returns false, having asked nothing, when
+// the file's first page is in the page cache already: the folder was read
+// recently, and advice for its other files would only cost system calls.
+bool AskForReadSpan(const char* path) {
   const MediaHandlerRow* row = FindMediaHandler(path);
-  if (row == nullptr || (row->head_kib == 0 && row->tail_kib == 0)) return;
+  if (row == nullptr || (row->head_kib == 0 && row->tail_kib == 0)) return true;
   FdOwner fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (fd.get() < 0) return;
+  if (fd.get() < 0) return true;
+  if (PageCached(fd.get())) return false;
   if (row->head_kib > 0) AdviseWillRead(fd.get(), 0, off_t{row->head_kib} * 1024);
   struct stat st;
   if (row->tail_kib > 0 && fstat(fd.get(), &st) == 0 && st.st_size > 0) {
     const off_t tail = std::min<off_t>(st.st_size, off_t{row->tail_kib} * 1024);
     AdviseWillRead(fd.get(), st.st_size - tail, tail);
   }
+  return true;
 }
 
 struct ListedEntry {
@@ -128,7 +132,8 @@ void WalkFolder(const char* path, int operation, int type, FolderVisits& visits)
 
   if (type & kIndexMediaDb) IndexFile(path, operation);
 
-  const bool askAhead = (type & kIndexMediaDb) && operation == kIndexAdd;
+  // Until a file of the folder turns out to be in the page cache already.
+  bool askAhead = (type & kIndexMediaDb) && operation == kIndexAdd;
   // On the heap: a deep tree would otherwise need 4 KiB of stack per level.
   auto child = std::make_unique<char[]>(kPathSize);
   memset(child.get(), 0, kPathSize);
@@ -149,7 +154,7 @@ void WalkFolder(const char* path, int operation, int type, FolderVisits& visits)
       // about it, so it takes the platform's tests and is usually skipped.
       bool cut = length < 0 || static_cast<size_t>(length) >= kPathSize;
       unsigned char entryType = cut ? static_cast<unsigned char>(DT_UNKNOWN) : entry->d_type;
-      if (askAhead && entryType == DT_REG) AskForReadSpan(child.get());
+      if (askAhead && entryType == DT_REG) askAhead = AskForReadSpan(child.get());
       listed.push_back({child.get(), entryType});
     }
   };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/uio.h>
 
 // For a reader that makes a few small reads at known places (a header, a
 // tail, one box): turns the kernel's read-ahead off for this open file, so
@@ -16,4 +17,13 @@ inline void AdviseFewReads(int fd) { (void)posix_fadvise(fd, 0, 0, POSIX_FADV_RA
 // disk together instead of one after the other. Advice only, like the above.
 inline void AdviseWillRead(int fd, off_t offset, off_t length) {
   (void)posix_fadvise(fd, offset, length, POSIX_FADV_WILLNEED);
+}
+
+// True when the file's first byte can be read without waiting for the disk
+// (its first page is in the page cache). A file system that cannot tell
+// counts as not cached, so the advice above is still given.
+inline bool PageCached(int fd) {
+  char byte;
+  iovec one{&byte, 1};
+  return preadv2(fd, &one, 1, 0, RWF_NOWAIT) >= 0;
 }
