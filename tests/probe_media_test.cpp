@@ -425,6 +425,8 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
       EXPECT_EQ(tuned_analysis(name, &need), Analysis::kOpenAgainUntuned) << name;
       EXPECT_EQ(need, H264Decoder::kCheckedAfter) << name;
     }
+    EXPECT_EQ(tuned_analysis("v/h264-mp3.mp4", &need), Analysis::kKnown);
+    EXPECT_EQ(need, H264Decoder::kRedundant);
     // MPEG audio without a bit rate in its stream header takes the parser's average over the packets read.
     for (const char* name : {"avi/bframes-vbr-mp3.avi", "v/h264.avi", "avi/bframes-aac.flv", "v/mpeg4.avi"}) {
       EXPECT_EQ(tuned_analysis(name, &need), Analysis::kKnown) << name;

@@ -247,8 +247,10 @@ bool AmountReadIrrelevant(AVCodecID id) {
   return id == AV_CODEC_ID_AAC || id == AV_CODEC_ID_ALAC || id == AV_CODEC_ID_AC3 || id == AV_CODEC_ID_EAC3 || Pcm(id);
 }
 
-// MPEG audio whose bit rate the container's header gave: the parser then
-// leaves that figure alone instead of averaging the frames it sees.
+// MPEG audio whose bit rate the container gave (an AVI stream header, an MP4
+// track's sizes over its duration): the parser then leaves that figure alone
+// instead of averaging the frames it sees. Rate and channel count are those
+// of every frame of a stream.
 bool HeaderBitRateKept(const AVCodecParameters* par) {
   AVCodecID id = par->codec_id;
   return (id == AV_CODEC_ID_MP1 || id == AV_CODEC_ID_MP2 || id == AV_CODEC_ID_MP3) && par->bit_rate > 0;
@@ -326,7 +328,7 @@ H264Decoder H264DecoderNeed(const AVFormatContext* ctx) {
       if (par->width <= 0 || par->height <= 0 || (!avi && !H264SizeConfirmed(par))) return H264Decoder::kNeeded;
       any = true;
     } else if (par->codec_type == AVMEDIA_TYPE_AUDIO && !AmountReadIrrelevant(par->codec_id) &&
-               !(avi && HeaderBitRateKept(par))) {
+               !HeaderBitRateKept(par)) {
       return H264Decoder::kNeeded;
     }
   }
