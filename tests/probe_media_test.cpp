@@ -10,6 +10,7 @@
 #include "meta/metavideo.h"
 #include "meta/mp4_reader.h"
 #include "meta/mp4_video.h"
+#include "meta/probe_tuning.h"
 #include "platform/orvodb.h"
 
 using namespace formats_test;
@@ -198,6 +199,17 @@ std::string WithSampleEntryWidth(const TempDir& dir, const std::string& mp4, int
   return copy;
 }
 
+// A copy of an AVI whose picture stream format claims another width (`width`).
+std::string WithStreamFormatWidth(const TempDir& dir, const std::string& avi, int width) {
+  std::string bytes = ReadBytes(avi);
+  size_t at = bytes.find("strf", bytes.find("vids"));
+  if (at == std::string::npos || at + 16 > bytes.size()) return "";
+  for (int i = 0; i < 4; ++i) bytes[at + 12 + i] = static_cast<char>(width >> (8 * i));
+  std::string copy = dir.File("avi/width-" + std::to_string(width) + ".avi");
+  WriteBytes(copy, bytes);
+  return copy;
+}
+
 // A copy of a mono AAC MP4 whose config leaves SBR open (its sync extension zeroed) and whose first
 // frame is a silent channel element followed by an SBR extension: the decoder doubles the rate and
 // turns on parametric stereo there, which no header of the file says.
@@ -331,6 +343,28 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
   files->push_back(WithImplicitSbr(dir, dir.File("m/sound-only-mono.mp4")));
   // The MPEG-4 decoder takes the layer header's size over the sample entry's.
   files->push_back(WithSampleEntryWidth(dir, dir.File("m/mpeg4-aac.mp4"), 200, "mp4v"));
+  // H.264 in AVI and FLV with reordered frames, a cropped size, several audio codecs and 5.1, and
+  // picture streams that outlast the sound (their start and length then set the container's
+  // duration): leaving the AVI decoder out must not move a time stamp, a size or a bit rate.
+  const std::string avi_in = "-f lavfi -i testsrc=d=5:s=320x240:r=25 -f lavfi -i anoisesrc=d=4:r=44100 "
+                             "-f lavfi -i sine=d=4:f=330:sample_rate=48000";
+  const std::string bframes = "-c:v libx264 -preset veryfast -bf 3 " + yuv420;
+  ASSERT_TRUE(FfmpegMany(dir, "avi", avi_in, {
+      {"bframes-mp3.avi", "-map 0 -map 1 " + bframes + "-c:a libmp3lame -b:a 128k"},
+      {"bframes-vbr-mp3.avi", "-map 0 -map 1 " + bframes + "-c:a libmp3lame -q:a 5"},
+      {"bframes-mp2.avi", "-map 0 -map 2 " + bframes + "-c:a mp2"},
+      {"bframes-ac3-6ch.avi", "-map 0 -map 1 " + bframes + "-c:a ac3 -ac 6"},
+      {"bframes-aac.avi", "-map 0 -map 1 " + bframes + "-c:a aac"},
+      {"bframes-pcm.avi", "-map 0 -map 2 " + bframes + "-c:a pcm_s16le"},
+      {"bframes-only.avi", "-map 0 " + bframes},
+      {"cropped.avi", "-map 0 -map 1 -vf scale=100:58 " + bframes + "-c:a libmp3lame -b:a 96k"},
+      {"interlaced.avi", "-map 0 -map 1 " + bframes + "-flags +ildct+ilme -c:a libmp3lame -b:a 64k"},
+      {"two-sound-streams.avi", "-map 0 -map 1 -map 2 " + bframes + "-c:a libmp3lame -b:a 128k"},
+      {"bframes-aac.flv", "-map 0 -map 1 " + bframes + "-c:a aac"},
+      {"bframes-mp3.flv", "-map 0 -map 1 " + bframes + "-c:a libmp3lame -ar 44100"},
+      {"cropped-6ch.flv", "-map 0 -map 1 -vf scale=100:58 " + bframes + "-c:a aac -ac 6"}}, files));
+  // The stream format's width against the sequence's 100 (112 coded), as for MP4 above.
+  for (int width : {98, 96, 104}) files->push_back(WithStreamFormatWidth(dir, dir.File("avi/cropped.avi"), width));
   ASSERT_TRUE(FfmpegMany(dir, "long", "-f lavfi -i testsrc=d=12:s=640x360:r=25 -f lavfi -i anoisesrc=d=12:r=44100", {
       {"mpeg2.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2 -f mpeg"},
       {"h264.mp4", "-map 0 -map 1 " + x264 + yuv420 + "-c:a aac -ac 2"},
@@ -369,6 +403,34 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
                              "v/mpeg4.mov", "v/h264.mp4", "v/h264-only.mp4",
                              "long/h264.mp4"}) {
       EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";
+    }
+    // Likewise the AVI files must really go without the H.264 decoder, and keep the analysis made so only
+    // where the parameter sets give the size the decoder would report.
+    auto tuned_analysis = [&](const char* name, H264Decoder* need) {
+      const AvLibrary* av = LoadAv();
+      AVFormatContext* raw = nullptr;
+      if (av == nullptr || av->openInput(&raw, dir.File(name).c_str(), nullptr, nullptr) < 0) return Analysis::kUnknown;
+      AvInput ctx(raw);
+      *need = H264DecoderNeed(ctx.get());
+      return AnalyseStreams(ctx.get(), ProbeMode::kTuned);
+    };
+    H264Decoder need;
+    for (const char* name : {"avi/bframes-mp3.avi", "avi/bframes-mp2.avi", "avi/bframes-ac3-6ch.avi",
+                             "avi/bframes-aac.avi", "avi/bframes-pcm.avi", "avi/bframes-only.avi", "avi/cropped.avi",
+                             "avi/width-98.avi", "avi/interlaced.avi", "avi/two-sound-streams.avi"}) {
+      EXPECT_EQ(tuned_analysis(name, &need), Analysis::kKnown) << name;
+      EXPECT_EQ(need, H264Decoder::kCheckedAfter) << name;
+    }
+    for (const char* name : {"avi/width-96.avi", "avi/width-104.avi"}) {
+      EXPECT_EQ(tuned_analysis(name, &need), Analysis::kOpenAgainUntuned) << name;
+      EXPECT_EQ(need, H264Decoder::kCheckedAfter) << name;
+    }
+    EXPECT_EQ(tuned_analysis("v/h264-mp3.mp4", &need), Analysis::kKnown);
+    EXPECT_EQ(need, H264Decoder::kRedundant);
+    // MPEG audio without a bit rate in its stream header takes the parser's average over the packets read.
+    for (const char* name : {"avi/bframes-vbr-mp3.avi", "v/h264.avi", "avi/bframes-aac.flv", "v/mpeg4.avi"}) {
+      EXPECT_EQ(tuned_analysis(name, &need), Analysis::kKnown) << name;
+      EXPECT_EQ(need, H264Decoder::kNeeded) << name;
     }
     // The decoder, not the headers, gives this file's rate and channels.
     MediaInfo sbr;

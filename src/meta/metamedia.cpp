@@ -193,26 +193,24 @@ int RefuseNestedOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictio
 
 constexpr int kIoBufferSize = 32768;  // what libavformat's file protocol reads at a time
 
-int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
-  int result = -1;
+// The file `input` reads, opened through `io` (made here),
+// or null with a log line.
+AvInput OpenInput(const char* path, DescriptorInput* input, AvIo* io) {
   // Registration happens inside libavformat since its demuxers became a
   // static table; there is nothing left to call before opening a file.
   const AvLibrary* av = LoadAv();
-  DescriptorInput input;
-  input.fd = fd;
-  AvIo io;
   AVFormatContext* raw = nullptr;
   if (av != nullptr) {
     auto* buffer = static_cast<unsigned char*>(av->allocBuffer(kIoBufferSize));
-    AVIOContext* pb = buffer ? av->allocIo(buffer, kIoBufferSize, 0, &input, DescriptorInputRead, nullptr, DescriptorInputSeek)
+    AVIOContext* pb = buffer ? av->allocIo(buffer, kIoBufferSize, 0, input, DescriptorInputRead, nullptr, DescriptorInputSeek)
                              : nullptr;
     if (pb == nullptr) av->freep(&buffer);
-    io.reset(pb);
-    raw = io ? av->allocContext() : nullptr;
+    io->reset(pb);
+    raw = *io ? av->allocContext() : nullptr;
   }
   int opened = -1;
   if (raw != nullptr) {
-    raw->pb = io.get();
+    raw->pb = io->get();
     raw->io_open = RefuseNestedOpen;
     AVDictionary* options = nullptr;
     av->dictSet(&options, "format_whitelist", AllowedFormats().c_str(), 0);
@@ -223,10 +221,29 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
   }
   if (opened < 0) {
     ORVO_LOG("%s (%d) Failed to av_open_input_file() file [%s].", path);
-    return -1;
+    return nullptr;
   }
-  AvInput ctx(raw);
-  if (AnalyseStreams(ctx.get(), mode) < 0) {
+  return AvInput(raw);
+}
+
+int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
+  int result = -1;
+  DescriptorInput input;
+  input.fd = fd;
+  AvIo io;
+  AvInput ctx = OpenInput(path, &input, &io);
+  if (!ctx) return -1;
+  Analysis analysis = AnalyseStreams(ctx.get(), mode);
+  if (analysis == Analysis::kOpenAgainUntuned) {
+    ctx.reset();
+    io.reset();
+    input = DescriptorInput{};
+    input.fd = fd;
+    ctx = OpenInput(path, &input, &io);
+    if (!ctx) return -1;
+    analysis = AnalyseStreams(ctx.get(), ProbeMode::kLibraryDefaults);
+  }
+  if (analysis != Analysis::kKnown) {
     ORVO_LOG("%s (%d) Could not find codec parameters.  %s", path);
     return -1;
   }

@@ -247,31 +247,13 @@ bool AmountReadIrrelevant(AVCodecID id) {
   return id == AV_CODEC_ID_AAC || id == AV_CODEC_ID_ALAC || id == AV_CODEC_ID_AC3 || id == AV_CODEC_ID_EAC3 || Pcm(id);
 }
 
-// An MP4/QuickTime file's duration comes from its movie header and its bit
-// rate from that and the file size; the H.264 decoder only confirms the
-// picture size the track gives, which the sequence parameter set tells as
-// well. Without it the analysis still reads the first packets of every
-// track and decodes the first audio frame, as before. Every other track must
-// be one whose values do not depend on how many packets are read: the
-// analysis may stop at another packet once the video decoder is not there.
-bool H264DecoderRedundant(const AVFormatContext* ctx) {
-  if (!Named(ctx, "mov,mp4,m4a,3gp,3g2,mj2") || ctx->duration == AV_NOPTS_VALUE) return false;
-  bool any = false;
-  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
-    const AVCodecParameters* par = ctx->streams[i]->codecpar;
-    if (par->codec_type == AVMEDIA_TYPE_VIDEO && par->codec_id == AV_CODEC_ID_H264) {
-      H264PictureSize sps;
-      int width, height;
-      if (par->width <= 0 || par->height <= 0 || !ReadH264PictureSize(par->extradata, par->extradata_size, &sps))
-        return false;
-      H264DecodedSize(sps, par->width, par->height, &width, &height);
-      if (width != par->width || height != par->height) return false;
-      any = true;
-    } else if (par->codec_type == AVMEDIA_TYPE_AUDIO && !AmountReadIrrelevant(par->codec_id)) {
-      return false;
-    }
-  }
-  return any;
+// MPEG audio whose bit rate the container gave (an AVI stream header, an MP4
+// track's sizes over its duration): the parser then leaves that figure alone
+// instead of averaging the frames it sees. Rate and channel count are those
+// of every frame of a stream.
+bool HeaderBitRateKept(const AVCodecParameters* par) {
+  AVCodecID id = par->codec_id;
+  return (id == AV_CODEC_ID_MP1 || id == AV_CODEC_ID_MP2 || id == AV_CODEC_ID_MP3) && par->bit_rate > 0;
 }
 
 // Every decoder but the H.264 one, for the format context's codec_whitelist,
@@ -294,7 +276,7 @@ const std::string& DecodersButH264(const TuningLibrary& lib) {
 // Decoder and parser contexts run to hundreds of KiB. With glibc's defaults
 // the heap gives such memory back after each file (or maps it apart) and the
 // next file's contexts fault fresh pages in again, which cost about as much
-// as the H.264 decoder saved above. Blocks up to 1 MiB come from the heap,
+// as leaving the H.264 decoder out saves. Blocks up to 1 MiB come from the heap,
 // and it keeps up to 4 MiB free before giving memory back: a few MiB more
 // resident at most. Process-wide, set with the first probe.
 bool KeepHeapPages() {
@@ -304,19 +286,75 @@ bool KeepHeapPages() {
 
 }  // namespace
 
-int AnalyseStreams(AVFormatContext* ctx, ProbeMode mode) {
+// True when the sequence parameter set in the stream's codec configuration
+// gives the picture size the stream has now, the one the H.264 decoder
+// would report on the first frame.
+bool H264SizeConfirmed(const AVCodecParameters* par) {
+  H264PictureSize sps;
+  int width, height;
+  if (par->width <= 0 || par->height <= 0 || !ReadH264PictureSize(par->extradata, par->extradata_size, &sps))
+    return false;
+  H264DecodedSize(sps, par->width, par->height, &width, &height);
+  return width == par->width && height == par->height;
+}
+
+bool H264SizesConfirmed(const AVFormatContext* ctx) {
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    const AVCodecParameters* par = ctx->streams[i]->codecpar;
+    if (par->codec_type == AVMEDIA_TYPE_VIDEO && par->codec_id == AV_CODEC_ID_H264 && !H264SizeConfirmed(par))
+      return false;
+  }
+  return true;
+}
+
+// An MP4/QuickTime file's duration comes from its movie header and its bit
+// rate from that and the file size; an AVI file's from its stream headers
+// and index. The H.264 decoder only confirms the picture size the track or
+// the stream format gives, which the sequence parameter set tells as well.
+// Without it the analysis still reads the first packets of every track and
+// decodes the first audio frame, as before. Every other track must be one
+// whose values do not depend on how many packets are read: the analysis may
+// stop at another packet once the video decoder is not there.
+H264Decoder H264DecoderNeed(const AVFormatContext* ctx) {
+  bool avi = Named(ctx, "avi");
+  if (!avi && (!Named(ctx, "mov,mp4,m4a,3gp,3g2,mj2") || ctx->duration == AV_NOPTS_VALUE))
+    return H264Decoder::kNeeded;
+  bool any = false;
+  for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+    const AVCodecParameters* par = ctx->streams[i]->codecpar;
+    if (par->codec_type == AVMEDIA_TYPE_VIDEO && par->codec_id == AV_CODEC_ID_H264) {
+      // An AVI stream format seldom carries the parameter sets: the analysis
+      // takes them from the first packets, so they are checked after it.
+      if (par->width <= 0 || par->height <= 0 || (!avi && !H264SizeConfirmed(par))) return H264Decoder::kNeeded;
+      any = true;
+    } else if (par->codec_type == AVMEDIA_TYPE_AUDIO && !AmountReadIrrelevant(par->codec_id) &&
+               !HeaderBitRateKept(par)) {
+      return H264Decoder::kNeeded;
+    }
+  }
+  if (!any) return H264Decoder::kNeeded;
+  return avi ? H264Decoder::kCheckedAfter : H264Decoder::kRedundant;
+}
+
+Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode) {
   static const bool heap_kept = KeepHeapPages();
   (void)heap_kept;
   const AvLibrary* av = LoadAv();
   const TuningLibrary* lib = mode == ProbeMode::kTuned ? LoadTuning() : nullptr;
+  H264Decoder decoder = H264Decoder::kNeeded;
   if (lib != nullptr) {
     if (HeaderSettlesEverything(*lib, ctx)) {
       CompleteTimings(*lib, ctx);
-      return 0;
+      return Analysis::kKnown;
     }
-    if (H264DecoderRedundant(ctx)) lib->optSet(ctx, "codec_whitelist", DecodersButH264(*lib).c_str(), 0);
+    decoder = H264DecoderNeed(ctx);
+    if (decoder != H264Decoder::kNeeded) lib->optSet(ctx, "codec_whitelist", DecodersButH264(*lib).c_str(), 0);
   }
-  return av->findStreamInfo(ctx, nullptr);
+  bool known = av->findStreamInfo(ctx, nullptr) >= 0;
+  // Whatever the sequence does not confirm, or a failure the decoder might
+  // have prevented, is left to the full analysis on a fresh open.
+  if (decoder == H264Decoder::kCheckedAfter && (!known || !H264SizesConfirmed(ctx))) return Analysis::kOpenAgainUntuned;
+  return known ? Analysis::kKnown : Analysis::kUnknown;
 }
 
 // Nothing has to be decided before the header is read: every limit above is

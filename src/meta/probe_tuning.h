@@ -17,11 +17,24 @@ extern "C" {
 
 #include "meta/metamedia.h"
 
+enum class Analysis {
+  kKnown,            // the streams' parameters are known
+  kUnknown,          // they are not: the file cannot be probed
+  kOpenAgainUntuned  // a shortcut did not hold: open the input afresh and analyse it with kLibraryDefaults
+};
+
 // The stream analysis for an input opened through LoadAv(), before any packet
-// was read from it: what avformat_find_stream_info returns, 0 or more when
-// the streams' parameters are known, negative when none is. With
-// ProbeMode::kLibraryDefaults it is avformat_find_stream_info unchanged.
-int AnalyseStreams(AVFormatContext* ctx, ProbeMode mode);
+// was read from it. With ProbeMode::kLibraryDefaults it is
+// avformat_find_stream_info unchanged, known when that returns 0 or more.
+Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode);
+
+// What the tuned analysis of an opened input needs the H.264 decoder for.
+enum class H264Decoder {
+  kNeeded,        // it may change a stored value
+  kRedundant,     // the header's parameter sets already confirm the size it would report
+  kCheckedAfter,  // not if the parameter sets the analysis finds confirm the size
+};
+H264Decoder H264DecoderNeed(const AVFormatContext* ctx);
 
 // Options for avformat_open_input that the tuned probe needs; see the
 // definition for why it needs none.
