@@ -425,11 +425,8 @@ int ReadMp3Info(const char* path, MediaInfo* rec) {
   // the rest of the first frame's VBR header range (20000 bytes after the
   // tag): the head's bytes are asked for before the tail is read, so both go
   // to the disk at once, and nothing else is read around them.
-  // A file whose head is in the page cache already needs neither.
-  if (!PageCached(fileno(file.get()))) {
-    AdviseFewReads(fileno(file.get()));
-    AdviseWillRead(fileno(file.get()), 0, kHeadReadAhead);
-  }
+  AdviseFewReads(fileno(file.get()));
+  AdviseWillRead(fileno(file.get()), 0, kHeadReadAhead);
   ByteReader reader;  // the buffer needs no zeroing: nothing is cached yet
   ByteReaderAttachFile(&reader, file.get(), length);
   return ReadMp3InfoFromReader(&reader, path, rec);

@@ -21,7 +21,9 @@ inline void AdviseWillRead(int fd, off_t offset, off_t length) {
 
 // True when the file's first byte can be read without waiting for the disk
 // (its first page is in the page cache). A file system that cannot tell
-// counts as not cached, so the advice above is still given.
+// counts as not cached, so the advice above is still given. A miss still
+// starts the kernel's read-ahead: give AdviseFewReads first, so that it
+// asks for that one page only.
 inline bool PageCached(int fd) {
   char byte;
   iovec one{&byte, 1};
