@@ -1,7 +1,6 @@
 #include "meta/probe_tuning.h"
 
 #include <dlfcn.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -273,17 +272,6 @@ const std::string& DecodersButH264(const TuningLibrary& lib) {
   return list;
 }
 
-// Decoder and parser contexts run to hundreds of KiB. With glibc's defaults
-// the heap gives such memory back after each file (or maps it apart) and the
-// next file's contexts fault fresh pages in again, which cost about as much
-// as leaving the H.264 decoder out saves. Blocks up to 1 MiB come from the heap,
-// and it keeps up to 4 MiB free before giving memory back: a few MiB more
-// resident at most. Process-wide, set with the first probe.
-bool KeepHeapPages() {
-  return mallopt(M_MMAP_THRESHOLD, 1 << 20) == 1 && mallopt(M_TOP_PAD, 1 << 20) == 1 &&
-         mallopt(M_TRIM_THRESHOLD, 4 << 20) == 1;
-}
-
 }  // namespace
 
 // True when the sequence parameter set in the stream's codec configuration
@@ -337,8 +325,6 @@ H264Decoder H264DecoderNeed(const AVFormatContext* ctx) {
 }
 
 Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode) {
-  static const bool heap_kept = KeepHeapPages();
-  (void)heap_kept;
   const AvLibrary* av = LoadAv();
   const TuningLibrary* lib = mode == ProbeMode::kTuned ? LoadTuning() : nullptr;
   H264Decoder decoder = H264Decoder::kNeeded;
