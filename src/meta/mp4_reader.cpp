@@ -128,13 +128,33 @@ bool ReadMediaHeader(ByteReader* reader, const Box& mdhd, Mp4Track* track) {
   return true;
 }
 
-// The length field of an MPEG-4 descriptor: up to four 7-bit groups.
-bool DescriptorLength(const uint8_t* b, size_t n, size_t* pos) {
+// The length of an MPEG-4 descriptor: up to four 7-bit groups.
+bool DescriptorValue(const uint8_t* b, size_t n, size_t* pos, uint32_t* length) {
+  *length = 0;
   for (int i = 0; i < 4; ++i) {
     if (*pos >= n) return false;
-    if ((b[(*pos)++] & 0x80) == 0) return true;
+    uint8_t c = b[(*pos)++];
+    *length = *length << 7 | (c & 0x7F);
+    if ((c & 0x80) == 0) break;
   }
   return true;
+}
+
+// The DecoderConfigDescriptor inside the ES_Descriptor of an 'esds' box's
+// `n` bytes `b`: true with `*pos` at its 13 fixed bytes (objectTypeIndication,
+// streamType, bufferSizeDB (3), maxBitrate (4), avgBitrate (4)).
+bool FindDecoderConfig(const uint8_t* b, size_t n, size_t* pos) {
+  uint32_t length;
+  *pos = 4;  // version and flags
+  if (*pos >= n || b[(*pos)++] != 0x03 || !DescriptorValue(b, n, pos, &length)) return false;
+  *pos += 2;  // ES_ID
+  if (*pos >= n) return false;
+  uint8_t flags = b[(*pos)++];
+  if (flags & 0x80) *pos += 2;                          // dependsOn_ES_ID
+  if (flags & 0x40) *pos += *pos < n ? 1 + b[*pos] : 1;  // URL
+  if (flags & 0x20) *pos += 2;                          // OCR_ES_Id
+  if (*pos >= n || b[(*pos)++] != 0x04 || !DescriptorValue(b, n, pos, &length)) return false;
+  return n >= 13 && *pos <= n - 13;
 }
 
 // The average bit rate of an 'esds' box's DecoderConfigDescriptor, inside
@@ -143,18 +163,8 @@ bool ReadEsdsBitRate(ByteReader* reader, const Box& esds, uint32_t* avg_bitrate)
   uint8_t b[320];  // version/flags, ES_Descriptor with the longest URL, DecoderConfigDescriptor
   int64_t available = esds.end - esds.content;
   size_t n = available < static_cast<int64_t>(sizeof b) ? static_cast<size_t>(available) : sizeof b;
-  if (!ReadAt(reader, esds.content, b, n)) return false;
-  size_t pos = 4;
-  if (pos >= n || b[pos++] != 0x03 || !DescriptorLength(b, n, &pos)) return false;
-  pos += 2;  // ES_ID
-  if (pos >= n) return false;
-  uint8_t flags = b[pos++];
-  if (flags & 0x80) pos += 2;                       // dependsOn_ES_ID
-  if (flags & 0x40) pos += pos < n ? 1 + b[pos] : 1;  // URL
-  if (flags & 0x20) pos += 2;                       // OCR_ES_Id
-  if (pos >= n || b[pos++] != 0x04 || !DescriptorLength(b, n, &pos)) return false;
-  // objectTypeIndication, streamType, bufferSizeDB (3), maxBitrate (4), avgBitrate (4)
-  if (n < 13 || pos > n - 13) return false;
+  size_t pos;
+  if (!ReadAt(reader, esds.content, b, n) || !FindDecoderConfig(b, n, &pos)) return false;
   *avg_bitrate = Be32(b + pos + 9);
   return true;
 }
@@ -530,18 +540,6 @@ bool SelfContained(ByteReader* reader, const Box& dinf) {
   });
 }
 
-// The length of an MPEG-4 descriptor: up to four 7-bit groups.
-bool DescriptorValue(const uint8_t* b, size_t n, size_t* pos, uint32_t* length) {
-  *length = 0;
-  for (int i = 0; i < 4; ++i) {
-    if (*pos >= n) return false;
-    uint8_t c = b[(*pos)++];
-    *length = *length << 7 | (c & 0x7F);
-    if ((c & 0x80) == 0) break;
-  }
-  return true;
-}
-
 // An 'esds' box: the object type and the decoder-specific info.
 bool ReadEsdsConfig(ByteReader* reader, const Box& esds, Mp4MovieTrack* track) {
   uint8_t b[512];
@@ -549,17 +547,9 @@ bool ReadEsdsConfig(ByteReader* reader, const Box& esds, Mp4MovieTrack* track) {
   if (available > static_cast<int64_t>(sizeof b)) return false;
   size_t n = static_cast<size_t>(available);
   if (!ReadAt(reader, esds.content, b, n)) return false;
-  size_t pos = 4;
+  size_t pos;
   uint32_t length;
-  if (pos >= n || b[pos++] != 0x03 || !DescriptorValue(b, n, &pos, &length)) return false;
-  pos += 2;
-  if (pos >= n) return false;
-  uint8_t flags = b[pos++];
-  if (flags & 0x80) pos += 2;
-  if (flags & 0x40) pos += pos < n ? 1 + b[pos] : 1;
-  if (flags & 0x20) pos += 2;
-  if (pos >= n || b[pos++] != 0x04 || !DescriptorValue(b, n, &pos, &length)) return false;
-  if (n < 13 || pos > n - 13) return false;
+  if (!FindDecoderConfig(b, n, &pos)) return false;
   track->object_type = b[pos];
   pos += 13;
   if (pos >= n || b[pos++] != 0x05 || !DescriptorValue(b, n, &pos, &length)) return false;
