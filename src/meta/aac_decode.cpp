@@ -15,6 +15,8 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+#include "meta/metamedia.h"
+
 namespace {
 
 // The library's own reading of an AudioSpecificConfig, so that the rate and
@@ -59,35 +61,25 @@ struct CodecLibrary {
   int (*readConfig)(AudioConfig*, const uint8_t*, int, int, void*);
 };
 
-template <typename Function>
-bool Resolve(void* library, const char* name, Function& out) {
-  out = library != nullptr ? reinterpret_cast<Function>(dlsym(library, name)) : nullptr;
-  return out != nullptr;
-}
-
-void* Open(const char* base, int major) {
-  return dlopen((std::string(base) + ".so." + std::to_string(major)).c_str(), RTLD_NOW | RTLD_LOCAL);
-}
-
 // Loaded with the probe's libraries, before the helper confines itself.
 const CodecLibrary* LoadCodec() {
   static const CodecLibrary* loaded = [] {
     static CodecLibrary lib;
-    void* codec = Open("libavcodec", LIBAVCODEC_VERSION_MAJOR);
-    void* util = Open("libavutil", LIBAVUTIL_VERSION_MAJOR);
-    bool ok = Resolve(codec, "avcodec_find_decoder", lib.findDecoder) &&
-              Resolve(codec, "avcodec_alloc_context3", lib.allocContext) &&
-              Resolve(codec, "avcodec_free_context", lib.freeContext) &&
-              Resolve(codec, "avcodec_parameters_alloc", lib.allocParameters) &&
-              Resolve(codec, "avcodec_parameters_free", lib.freeParameters) &&
-              Resolve(codec, "avcodec_parameters_to_context", lib.toContext) &&
-              Resolve(codec, "avcodec_open2", lib.open) && Resolve(codec, "avcodec_send_packet", lib.sendPacket) &&
-              Resolve(codec, "avcodec_receive_frame", lib.receiveFrame) &&
-              Resolve(codec, "av_packet_alloc", lib.allocPacket) && Resolve(codec, "av_packet_free", lib.freePacket) &&
-              Resolve(codec, "av_new_packet", lib.newPacket) && Resolve(util, "av_frame_alloc", lib.allocFrame) &&
-              Resolve(util, "av_frame_free", lib.freeFrame) && Resolve(util, "av_dict_set", lib.dictSet) &&
-              Resolve(util, "av_dict_free", lib.dictFree) && Resolve(util, "av_mallocz", lib.mallocz) &&
-              Resolve(codec, "avpriv_mpeg4audio_get_config2", lib.readConfig);
+    void* codec = OpenAvLibrary("libavcodec", LIBAVCODEC_VERSION_MAJOR, RTLD_NOW | RTLD_LOCAL);
+    void* util = OpenAvLibrary("libavutil", LIBAVUTIL_VERSION_MAJOR, RTLD_NOW | RTLD_LOCAL);
+    bool ok = ResolveAv(codec, "avcodec_find_decoder", lib.findDecoder) &&
+              ResolveAv(codec, "avcodec_alloc_context3", lib.allocContext) &&
+              ResolveAv(codec, "avcodec_free_context", lib.freeContext) &&
+              ResolveAv(codec, "avcodec_parameters_alloc", lib.allocParameters) &&
+              ResolveAv(codec, "avcodec_parameters_free", lib.freeParameters) &&
+              ResolveAv(codec, "avcodec_parameters_to_context", lib.toContext) &&
+              ResolveAv(codec, "avcodec_open2", lib.open) && ResolveAv(codec, "avcodec_send_packet", lib.sendPacket) &&
+              ResolveAv(codec, "avcodec_receive_frame", lib.receiveFrame) &&
+              ResolveAv(codec, "av_packet_alloc", lib.allocPacket) && ResolveAv(codec, "av_packet_free", lib.freePacket) &&
+              ResolveAv(codec, "av_new_packet", lib.newPacket) && ResolveAv(util, "av_frame_alloc", lib.allocFrame) &&
+              ResolveAv(util, "av_frame_free", lib.freeFrame) && ResolveAv(util, "av_dict_set", lib.dictSet) &&
+              ResolveAv(util, "av_dict_free", lib.dictFree) && ResolveAv(util, "av_mallocz", lib.mallocz) &&
+              ResolveAv(codec, "avpriv_mpeg4audio_get_config2", lib.readConfig);
     return ok ? &lib : nullptr;
   }();
   return loaded;

@@ -40,33 +40,22 @@ static_assert(AVMEDIA_TYPE_VIDEO == 0 && AVMEDIA_TYPE_AUDIO == 1);
 
 namespace {
 
-// The versions the build's headers describe; the structures we read must
-// match the library's, so no other version is tried.
-std::string SoName(const char* base, int major) { return std::string(base) + ".so." + std::to_string(major); }
-
-template <typename Function>
-bool Resolve(void* library, const char* name, Function& out) {
-  out = reinterpret_cast<Function>(dlsym(library, name));
-  return out != nullptr;
-}
-
 const AvLibrary* Load() {
   static AvLibrary av;
   // Never closed: the library stays for the life of the process.
-  void* util = dlopen(SoName("libavutil", LIBAVUTIL_VERSION_MAJOR).c_str(), RTLD_NOW | RTLD_LOCAL);
-  void* format = util ? dlopen(SoName("libavformat", LIBAVFORMAT_VERSION_MAJOR).c_str(), RTLD_NOW | RTLD_LOCAL)
-                      : nullptr;
+  void* util = OpenAvLibrary("libavutil", LIBAVUTIL_VERSION_MAJOR, RTLD_NOW | RTLD_LOCAL);
+  void* format = util ? OpenAvLibrary("libavformat", LIBAVFORMAT_VERSION_MAJOR, RTLD_NOW | RTLD_LOCAL) : nullptr;
   decltype(&av_log_set_level) setLogLevel = nullptr;
-  if (format == nullptr || !Resolve(util, "av_log_set_level", setLogLevel) ||
-      !Resolve(util, "av_dict_get", av.dictGet) || !Resolve(util, "av_dict_set", av.dictSet) ||
-      !Resolve(util, "av_dict_free", av.dictFree) || !Resolve(format, "avformat_open_input", av.openInput) ||
-      !Resolve(format, "avformat_find_stream_info", av.findStreamInfo) ||
-      !Resolve(format, "avformat_close_input", av.closeInput) ||
-      !Resolve(format, "av_find_input_format", av.findInputFormat) ||
-      !Resolve(format, "avformat_alloc_context", av.allocContext) ||
-      !Resolve(format, "avio_alloc_context", av.allocIo) || !Resolve(format, "avio_context_free", av.freeIo) ||
-      !Resolve(util, "av_malloc", av.allocBuffer) || !Resolve(util, "av_freep", av.freep) ||
-      !Resolve(format, "av_demuxer_iterate", av.demuxerIterate)) {
+  if (format == nullptr || !ResolveAv(util, "av_log_set_level", setLogLevel) ||
+      !ResolveAv(util, "av_dict_get", av.dictGet) || !ResolveAv(util, "av_dict_set", av.dictSet) ||
+      !ResolveAv(util, "av_dict_free", av.dictFree) || !ResolveAv(format, "avformat_open_input", av.openInput) ||
+      !ResolveAv(format, "avformat_find_stream_info", av.findStreamInfo) ||
+      !ResolveAv(format, "avformat_close_input", av.closeInput) ||
+      !ResolveAv(format, "av_find_input_format", av.findInputFormat) ||
+      !ResolveAv(format, "avformat_alloc_context", av.allocContext) ||
+      !ResolveAv(format, "avio_alloc_context", av.allocIo) || !ResolveAv(format, "avio_context_free", av.freeIo) ||
+      !ResolveAv(util, "av_malloc", av.allocBuffer) || !ResolveAv(util, "av_freep", av.freep) ||
+      !ResolveAv(format, "av_demuxer_iterate", av.demuxerIterate)) {
     const char* why = dlerror();
     ORVO_LOG("%s (%d) Failed to load libavformat (%s)", why ? why : "unknown error");
     return nullptr;
@@ -78,6 +67,10 @@ const AvLibrary* Load() {
 }
 
 }  // namespace
+
+void* OpenAvLibrary(const char* base, int major, int flags) {
+  return dlopen((std::string(base) + ".so." + std::to_string(major)).c_str(), flags);
+}
 
 const AvLibrary* LoadAv() {
   static const AvLibrary* av = Load();

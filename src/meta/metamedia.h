@@ -4,6 +4,8 @@
 // the file has no value of its own.
 #pragma once
 
+#include <dlfcn.h>
+
 #include <memory>
 
 extern "C" {
@@ -52,6 +54,20 @@ struct AvLibrary {
   decltype(&av_freep) freep;
   decltype(&av_demuxer_iterate) demuxerIterate;
 };
+
+// The FFmpeg library `base` ("libavformat", "libavcodec", ...) of the major
+// version `major` the build's headers describe (the structures we read must
+// match the library's, so no other version is tried), through dlopen with
+// `flags`. Null when it cannot be opened; never closed.
+void* OpenAvLibrary(const char* base, int major, int flags);
+
+// The entry point `name` of `library` into `out`; false when the library
+// (null here) or the symbol is missing.
+template <typename Function>
+bool ResolveAv(void* library, const char* name, Function& out) {
+  out = library != nullptr ? reinterpret_cast<Function>(dlsym(library, name)) : nullptr;
+  return out != nullptr;
+}
 
 // Loads the library once, with its own messages kept out of syslog. Null,
 // logged the first time, when it cannot be loaded: every file then counts

@@ -16,6 +16,7 @@ extern "C" {
 }
 
 #include "meta/h264_sps.h"
+#include "meta/metamedia.h"
 
 namespace {
 
@@ -32,28 +33,18 @@ struct TuningLibrary {
   decltype(&av_codec_is_decoder) isDecoder;
 };
 
-template <typename Function>
-bool Resolve(void* library, const char* name, Function& out) {
-  out = library != nullptr ? reinterpret_cast<Function>(dlsym(library, name)) : nullptr;
-  return out != nullptr;
-}
-
-void* Loaded(const char* base, int major) {
-  return dlopen((std::string(base) + ".so." + std::to_string(major)).c_str(), RTLD_NOW | RTLD_NOLOAD);
-}
-
 // Null when a symbol is missing: every file then gets the full analysis.
 const TuningLibrary* LoadTuning() {
   static const TuningLibrary* loaded = [] {
     static TuningLibrary lib;
-    void* format = Loaded("libavformat", LIBAVFORMAT_VERSION_MAJOR);
-    void* codec = Loaded("libavcodec", LIBAVCODEC_VERSION_MAJOR);
-    void* util = Loaded("libavutil", LIBAVUTIL_VERSION_MAJOR);
-    bool ok = Resolve(format, "avio_seek", lib.seek) && Resolve(format, "avio_read", lib.read) &&
-              Resolve(format, "avio_size", lib.size) && Resolve(util, "av_opt_set", lib.optSet) &&
-              Resolve(util, "av_rescale_q", lib.rescale) && Resolve(util, "av_rescale_q_rnd", lib.rescaleRnd) &&
-              Resolve(codec, "av_codec_iterate", lib.codecIterate) &&
-              Resolve(codec, "av_codec_is_decoder", lib.isDecoder);
+    void* format = OpenAvLibrary("libavformat", LIBAVFORMAT_VERSION_MAJOR, RTLD_NOW | RTLD_NOLOAD);
+    void* codec = OpenAvLibrary("libavcodec", LIBAVCODEC_VERSION_MAJOR, RTLD_NOW | RTLD_NOLOAD);
+    void* util = OpenAvLibrary("libavutil", LIBAVUTIL_VERSION_MAJOR, RTLD_NOW | RTLD_NOLOAD);
+    bool ok = ResolveAv(format, "avio_seek", lib.seek) && ResolveAv(format, "avio_read", lib.read) &&
+              ResolveAv(format, "avio_size", lib.size) && ResolveAv(util, "av_opt_set", lib.optSet) &&
+              ResolveAv(util, "av_rescale_q", lib.rescale) && ResolveAv(util, "av_rescale_q_rnd", lib.rescaleRnd) &&
+              ResolveAv(codec, "av_codec_iterate", lib.codecIterate) &&
+              ResolveAv(codec, "av_codec_is_decoder", lib.isDecoder);
     return ok ? &lib : nullptr;
   }();
   return loaded;
