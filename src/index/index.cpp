@@ -104,7 +104,6 @@ bool AskForReadSpan(const char* path) {
   if (row == nullptr || (row->head_kib == 0 && row->tail_kib == 0)) return true;
   FdOwner fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (fd.get() < 0) return true;
-  AdviseFewReads(fd.get());  // before the test: a miss would start a read-ahead window
   if (PageCached(fd.get())) return false;
   if (row->head_kib > 0) AdviseWillRead(fd.get(), 0, off_t{row->head_kib} * 1024);
   struct stat st;

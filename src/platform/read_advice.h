@@ -21,10 +21,11 @@ inline void AdviseWillRead(int fd, off_t offset, off_t length) {
 
 // True when the file's first byte can be read without waiting for the disk
 // (its first page is in the page cache). A file system that cannot tell
-// counts as not cached, so the advice above is still given. A miss still
-// starts the kernel's read-ahead: give AdviseFewReads first, so that it
-// asks for that one page only.
+// counts as not cached, so the advice above is still given. Turns the
+// descriptor's read-ahead off first (AdviseFewReads): a miss would otherwise
+// start a read-ahead window of the device's size.
 inline bool PageCached(int fd) {
+  AdviseFewReads(fd);
   char byte;
   iovec one{&byte, 1};
   return preadv2(fd, &one, 1, 0, RWF_NOWAIT) >= 0;
