@@ -36,6 +36,7 @@ extern "C" {
 }
 
 #include "handlers/formats.h"
+#include "helper_cpu.h"
 #include "meta/exif.h"
 #include "meta/metaid3.h"
 #include "meta/metamedia.h"
@@ -134,28 +135,12 @@ long long ResidentBytes(const std::string& path) {
   return resident;
 }
 
-double Seconds(clockid_t clock) {
-  timespec t;
-  clock_gettime(clock, &t);
-  return t.tv_sec + t.tv_nsec / 1e9;
-}
-
-// CPU seconds of this process plus the probe helper's, which does the
-// generic probe's work for ReadMediaInfo.
-double CpuSeconds() {
-  double total = Seconds(CLOCK_PROCESS_CPUTIME_ID);
-  clockid_t helper;
-  pid_t pid = ProbeHelperPid();
-  if (pid > 0 && clock_getcpuclockid(pid, &helper) == 0) total += Seconds(helper);
-  return total;
-}
-
 // One pass over the files: the CPU seconds it took (user and system, the
 // probe helper's included), or with `wall` the elapsed seconds.
 double Pass(const std::vector<std::string>& files, const std::function<int(const char*)>& fn, bool wall = false) {
-  double start = wall ? Seconds(CLOCK_MONOTONIC) : CpuSeconds();
+  double start = wall ? ClockSeconds(CLOCK_MONOTONIC) : ProcessAndHelperCpuSeconds();
   for (const auto& f : files) fn(f.c_str());
-  return (wall ? Seconds(CLOCK_MONOTONIC) : CpuSeconds()) - start;
+  return (wall ? ClockSeconds(CLOCK_MONOTONIC) : ProcessAndHelperCpuSeconds()) - start;
 }
 
 double Rate(const std::vector<std::string>& files, const std::function<int(const char*)>& fn) {

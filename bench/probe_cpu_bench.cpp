@@ -20,25 +20,11 @@
 #include <vector>
 
 #include "handlers/formats.h"
+#include "helper_cpu.h"
 #include "meta/metamedia.h"
 #include "meta/probe_helper.h"
 
 namespace {
-
-double CpuMicros(clockid_t clock) {
-  timespec t{};
-  if (clock_gettime(clock, &t) != 0) return 0;
-  return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
-}
-
-// This process's CPU time and the helper's, in µs.
-double BothCpu() {
-  double cpu = CpuMicros(CLOCK_PROCESS_CPUTIME_ID);
-  clockid_t helper;
-  pid_t pid = ProbeHelperPid();
-  if (pid > 0 && clock_getcpuclockid(pid, &helper) == 0) cpu += CpuMicros(helper);
-  return cpu;
-}
 
 void ProbeOnce(const std::string& path, bool untuned) {
   MediaInfo info;
@@ -85,10 +71,11 @@ int main(int argc, char** argv) {
   printf("%-6s %6s %12s   (%s, %d rounds)\n", "ext", "files", "us/file", untuned ? "untuned" : "tuned", rounds);
   for (const auto& [ext, files] : by_ext) {
     for (const auto& f : files) ProbeOnce(f, untuned);
-    double start = BothCpu();
+    double start = ProcessAndHelperCpuSeconds();
     for (int r = 0; r < rounds; ++r)
       for (const auto& f : files) ProbeOnce(f, untuned);
-    double per_file = (BothCpu() - start) / (static_cast<double>(rounds) * static_cast<double>(files.size()));
+    double per_file = (ProcessAndHelperCpuSeconds() - start) * 1e6 /
+                      (static_cast<double>(rounds) * static_cast<double>(files.size()));
     printf("%-6s %6zu %12.0f\n", ext.c_str(), files.size(), per_file);
   }
   return 0;
