@@ -132,8 +132,10 @@ void WalkFolder(const char* path, int operation, int type, FolderVisits& visits)
 
   if (type & kIndexMediaDb) IndexFile(path, operation);
 
-  // Until a file of the folder turns out to be in the page cache already.
+  // Until a file of the folder turns out to be in the page cache already;
+  // from then on the folder's readers give no advice either.
   bool askAhead = (type & kIndexMediaDb) && operation == kIndexAdd;
+  bool cached = false;
   // On the heap: a deep tree would otherwise need 4 KiB of stack per level.
   auto child = std::make_unique<char[]>(kPathSize);
   memset(child.get(), 0, kPathSize);
@@ -154,7 +156,7 @@ void WalkFolder(const char* path, int operation, int type, FolderVisits& visits)
       // about it, so it takes the platform's tests and is usually skipped.
       bool cut = length < 0 || static_cast<size_t>(length) >= kPathSize;
       unsigned char entryType = cut ? static_cast<unsigned char>(DT_UNKNOWN) : entry->d_type;
-      if (askAhead && entryType == DT_REG) askAhead = AskForReadSpan(child.get());
+      if (askAhead && entryType == DT_REG) cached = !(askAhead = AskForReadSpan(child.get()));
       listed.push_back({child.get(), entryType});
     }
   };
@@ -162,8 +164,10 @@ void WalkFolder(const char* path, int operation, int type, FolderVisits& visits)
   for (listAhead(); !listed.empty(); listAhead()) {
     const ListedEntry next = std::move(listed.front());
     listed.pop_front();
+    ReadAdviceWanted() = !cached;  // a subfolder's walk sets its own
     WalkEntry(next.path.c_str(), next.type, operation, type, visits);
   }
+  ReadAdviceWanted() = true;
 }
 
 // False, with the reason logged, when the share's folder cannot be listed:

@@ -27,6 +27,7 @@
 #include <string_view>
 
 #include "platform/log.h"
+#include "platform/read_advice.h"
 
 namespace {
 
@@ -243,6 +244,9 @@ int AttachedDescriptor(msghdr* msg) {
   mallopt(M_MMAP_THRESHOLD, 32 << 20);
   mallopt(M_TRIM_THRESHOLD, 64 << 20);
 
+  // Forked in the middle of a walk, perhaps of a cached folder: the helper's
+  // refills always give their advice.
+  ReadAdviceWanted() = true;
   memset(&reply, 0, sizeof reply);
   orvo::SetLogCapture(CaptureIntoReply, &reply);
   // Everything that opens files comes before the filter: the library and its
