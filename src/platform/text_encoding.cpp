@@ -114,6 +114,19 @@ bool IsValidUtf8(std::string_view text) {
   return true;
 }
 
+namespace {
+
+// How many bytes of the valid UTF-8 `text` (`length` bytes) fit in `room`
+// without cutting a character: the cut backs off over continuation bytes.
+size_t WholeCharactersIn(const char* text, size_t length, size_t room) {
+  if (length <= room) return length;
+  size_t n = room;
+  while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80) --n;
+  return n;
+}
+
+}  // namespace
+
 size_t ToUtf8Field(const char* in, size_t inSize, bool isUtf16, char* out, size_t outSize) {
   if (outSize == 0) return 0;
   FieldWriter w{out, outSize - 1};
@@ -123,12 +136,8 @@ size_t ToUtf8Field(const char* in, size_t inSize, bool isUtf16, char* out, size_
   } else {
     size_t length = strnlen(in, inSize);
     if (IsValidUtf8(std::string_view(in, length))) {
-      size_t i = 0;
-      while (i < length) {
-        size_t n = Utf8SequenceLength(bytes + i, length - i);
-        if (!w.Put(in + i, n)) break;
-        i += n;
-      }
+      w.used = WholeCharactersIn(in, length, w.capacity);
+      memcpy(out, in, w.used);
     } else {
       char buf[2];
       for (size_t i = 0; i < length; ++i) {
@@ -143,13 +152,10 @@ size_t ToUtf8Field(const char* in, size_t inSize, bool isUtf16, char* out, size_
 // Deliberate departure: the old copies cut at the width mid-character, which then read as Latin-1.
 size_t CopyTextField(char* field, size_t size, std::string_view text) {
   if (size == 0) return 0;
-  if (text.empty()) {
-    field[0] = '\0';
-    return 0;
-  }
   text = text.substr(0, strnlen(text.data(), text.size()));
-  if (IsValidUtf8(text)) return ToUtf8Field(text.data(), text.size(), false, field, size);
+  // Text that fits is copied whole, whatever its encoding.
   size_t n = text.size() < size - 1 ? text.size() : size - 1;
+  if (n < text.size() && IsValidUtf8(text)) n = WholeCharactersIn(text.data(), text.size(), size - 1);
   memcpy(field, text.data(), n);
   field[n] = '\0';
   return n;
