@@ -66,23 +66,6 @@ TEST_F(DaemonLifecycle, NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne) {
   EXPECT_EQ(SandboxLogCount("Bad format [x:once]."), 1);
 }
 
-// SIGTERM in the middle of a run leaves the batch for the next start: nothing queued is lost.
-TEST_F(DaemonLifecycle, BatchCutShortBySigtermRunsAtNextStart) {
-  StartIdle();
-  StartLongRun("line");
-  const int status = StopDaemon(pid_);
-  pid_ = -1;
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  EXPECT_EQ(SandboxHupCount(), 1);
-  ASSERT_TRUE(fs::exists(kBatchFile));
-
-  pid_ = StartDaemon(kFastClock);
-  ASSERT_GT(pid_, 0);
-  ASSERT_TRUE(WaitForHups(2));
-  EXPECT_GE(SandboxLogCount("Bad format [x:line 19999]."), 1);
-  EXPECT_FALSE(fs::exists(kBatchFile));
-}
-
 // The feature switches are read at start-up: seen through the photo database rows of a queued picture.
 class FeatureSwitches : public DaemonSandboxTest {
  protected:
@@ -194,19 +177,6 @@ TEST_F(QueueCommands, LinesQueuedDuringARunRunLater) {
   ASSERT_TRUE(WaitForLog("Bad format [x:first batch 19999]."));
   EXPECT_EQ(SandboxLogCount("Bad format [x:first batch "), 20000);
   EXPECT_EQ(SandboxLogCount("Bad format [x:during the run]."), 1);
-}
-
-// The client queues its line and signals the daemon; "status" names the daemon that runs.
-TEST_F(QueueCommands, ClientQueuesATreeThatIsIndexedAfterOneCall) {
-  const std::string client = std::string(ORVO_BINARY_DIR) + "/orvoindex";
-  fs::create_directories("/volume1/music/a/b");
-  CommandResult add = RunCommand({client, "add-tree", "/volume1/music/a"});
-  EXPECT_TRUE(WIFEXITED(add.status) && WEXITSTATUS(add.status) == 0) << add.output;
-  ASSERT_TRUE(WaitForHups(2));
-  EXPECT_EQ(Rows("directory"), (Paths{"/volume1/music/a", "/volume1/music/a/b"}));
-  CommandResult status = RunCommand({client, "status"});
-  EXPECT_TRUE(WIFEXITED(status.status) && WEXITSTATUS(status.status) == 0);
-  EXPECT_NE(status.output.find("running (pid " + std::to_string(pid_) + ")"), std::string::npos) << status.output;
 }
 
 }  // namespace
