@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 #include "handlers/formats.h"
 #include "handlers/handlers.h"
@@ -99,34 +100,32 @@ inline std::vector<std::string> CorpusFiles(const std::string& folder) {
   return files;
 }
 
-// reference.json's object for a corpus file ("flac/foo.flac") as text up to the next file's key, or "".
-inline std::string Reference(const std::string& relative) {
-  static const std::string json = [] {
-    std::stringstream text;
-    text << std::ifstream(CorpusDir() + "/reference.json").rdbuf();
-    return text.str();
+// reference.json's "files" object; null when the corpus is absent.
+inline const nlohmann::json& ReferenceFiles() {
+  static const nlohmann::json files = [] {
+    nlohmann::json all = nlohmann::json::parse(std::ifstream(CorpusDir() + "/reference.json"), nullptr, false);
+    return all.is_object() ? all.value("files", nlohmann::json()) : nlohmann::json();
   }();
-  size_t at = json.find("\n  \"" + relative + "\": {");
-  if (at == std::string::npos) return "";
-  return json.substr(at, json.find("\n  \"", at + 4) - at);
+  return files;
 }
 
-// The "value" (or `tool`'s) at `keys` in a reference text; "" if absent, null, escaped, or (`agreed`) disputed.
+// reference.json's entry for a corpus file ("flac/foo.flac") as JSON text, or "".
+inline std::string Reference(const std::string& relative) {
+  return ReferenceFiles().contains(relative) ? ReferenceFiles()[relative].dump() : "";
+}
+
+// The "value" (or `tool`'s) at `keys` in a reference entry as text; "" if absent, null, not ASCII-only
+// text, or (`agreed`) disputed.
 inline std::string RefText(const std::string& entry, std::initializer_list<const char*> keys,
                            const std::string& tool = "value", bool agreed = false) {
-  size_t at = 0;
-  for (const char* key : keys)
-    if ((at = entry.find(std::string("\"") + key + "\": {", at)) == std::string::npos) return "";
-  size_t line = entry.rfind('\n', at) + 1;  // the closing brace is indented as the key
-  std::string close(1, '\n');
-  close.append(entry, line, at - line).push_back('}');
-  std::string object = entry.substr(at, entry.find(close, at) - at);
-  size_t v = object.find("\"" + tool + "\": ");
-  if (v == std::string::npos || (agreed && object.find("\"agree\": false") != std::string::npos)) return "";
-  std::string token = object.substr(v + tool.size() + 4, object.find('\n', v) - v - tool.size() - 4);
-  if (!token.empty() && token.back() == ',') token.pop_back();
-  if (token.empty() || token == "null" || token.find('\\') != std::string::npos) return "";
-  return token[0] == '"' ? token.substr(1, token.size() - 2) : token;
+  nlohmann::json field = nlohmann::json::parse(entry, nullptr, false);
+  for (const char* key : keys) field = field.is_object() ? field.value(key, nlohmann::json()) : nlohmann::json();
+  if (!field.is_object() || (agreed && field.value("agree", true) == false)) return "";
+  nlohmann::json v = tool == "value" ? field.value("value", nlohmann::json())
+                                     : field.value("by_tool", nlohmann::json::object()).value(tool, nlohmann::json());
+  std::string text = v.is_null() ? "" : v.dump(-1, ' ', true);
+  if (text.find('\\') != std::string::npos) return "";
+  return v.is_string() ? text.substr(1, text.size() - 2) : text;
 }
 
 // A field's number where the tools agree (or one reported it), or `tool`'s; NaN when missing.
