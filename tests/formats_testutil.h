@@ -1,7 +1,9 @@
 // Helpers shared by the format tests: a scratch folder, ffmpeg-made media, the corpus's reference.json.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
@@ -43,8 +45,12 @@ class TempDir {
   std::string path_;
 };
 
-inline void WriteBytes(const std::string& path, const std::string& bytes) {
+// `bytes` at `path`, its folders made, modified at `mtime` unless that is 0.
+inline void WriteBytes(const std::string& path, const std::string& bytes, time_t mtime = 0) {
+  fs::create_directories(fs::path(path).parent_path());
   std::ofstream(path, std::ios::binary) << bytes;
+  const timespec times[2] = {{mtime, 0}, {mtime, 0}};
+  EXPECT_TRUE(mtime == 0 || utimensat(AT_FDCWD, path.c_str(), times, 0) == 0) << path;
 }
 
 inline std::string ReadBytes(const std::string& path) {
