@@ -103,13 +103,6 @@ class QueueCommands : public DaemonSandboxTest {
   static void MakeMp3(const std::string& path) { std::ofstream(path, std::ios::binary) << mp3test::TaggedMp3("t"); }
 };
 
-TEST_F(QueueCommands, EmptyQueueIsConsumedAndNotified) {
-  std::ofstream(kQueueFile).flush();
-  Run({});
-  EXPECT_FALSE(fs::exists(kQueueFile) || fs::exists(kBatchFile));
-  EXPECT_EQ(SandboxLogCount("queue.cpp"), 0);
-}
-
 TEST_F(QueueCommands, BadLinesAreLoggedAndTheRestRunsEvenWithoutTheLastNewline) {
   fs::create_directories("/volume1/music/kept");
   fs::create_directories("/volume1/music/nul");
