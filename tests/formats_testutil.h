@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 
 #include "handlers/formats.h"
 #include "handlers/handlers.h"
@@ -106,33 +105,13 @@ inline std::vector<std::string> CorpusFiles(const std::string& folder) {
   return files;
 }
 
-// reference.json's "files" object; null when the corpus is absent.
-inline const nlohmann::json& ReferenceFiles() {
-  static const nlohmann::json files = [] {
-    nlohmann::json all = nlohmann::json::parse(std::ifstream(CorpusDir() + "/reference.json"), nullptr, false);
-    return all.is_object() ? all.value("files", nlohmann::json()) : nlohmann::json();
-  }();
-  return files;
-}
-
-// reference.json's entry for a corpus file ("flac/foo.flac") as JSON text, or "".
-inline std::string Reference(const std::string& relative) {
-  return ReferenceFiles().contains(relative) ? ReferenceFiles()[relative].dump() : "";
-}
+// reference.json's entry for a corpus file ("flac/foo.flac") as JSON text, or "" (support/reference.cpp).
+std::string Reference(const std::string& relative);
 
 // The "value" (or `tool`'s) at `keys` in a reference entry as text; "" if absent, null, not ASCII-only
 // text, or (`agreed`) disputed.
-inline std::string RefText(const std::string& entry, std::initializer_list<const char*> keys,
-                           const std::string& tool = "value", bool agreed = false) {
-  nlohmann::json field = nlohmann::json::parse(entry, nullptr, false);
-  for (const char* key : keys) field = field.is_object() ? field.value(key, nlohmann::json()) : nlohmann::json();
-  if (!field.is_object() || (agreed && field.value("agree", true) == false)) return "";
-  nlohmann::json v = tool == "value" ? field.value("value", nlohmann::json())
-                                     : field.value("by_tool", nlohmann::json::object()).value(tool, nlohmann::json());
-  std::string text = v.is_null() ? "" : v.dump(-1, ' ', true);
-  if (text.find('\\') != std::string::npos) return "";
-  return v.is_string() ? text.substr(1, text.size() - 2) : text;
-}
+std::string RefText(const std::string& entry, std::initializer_list<const char*> keys,
+                    const std::string& tool = "value", bool agreed = false);
 
 // A field's number where the tools agree (or one reported it), or `tool`'s; NaN when missing.
 inline double Agreed(const std::string& entry, const char* field, const std::string& tool = "value") {

@@ -9,6 +9,7 @@
 #include "meta/exif.h"
 #include "platform/image_size.h"
 #include "platform/media_db.h"
+#include "support/reference.h"
 
 namespace {
 
