@@ -15,8 +15,7 @@ const std::string kDaemonBinary = std::string(ORVO_BINARY_DIR) + "/orvoindexd";
 class DaemonLifecycle : public DaemonSandboxTest {};
 
 TEST_F(DaemonLifecycle, OneInstanceAPidFileGoneWithSigtermAndAStaleOneIgnored) {
-  pid_ = StartDaemon(kFastClock);
-  ASSERT_GT(pid_, 0);
+  ASSERT_GT(pid_ = StartDaemon(kFastClock), 0);
   CommandResult second = RunCommand({kDaemonBinary});
   EXPECT_TRUE(WIFEXITED(second.status) && WEXITSTATUS(second.status) == 1) << second.status;
   EXPECT_EQ(second.output, "Daemon alive. No need to start\n");
@@ -39,8 +38,7 @@ TEST_F(DaemonLifecycle, OneInstanceAPidFileGoneWithSigtermAndAStaleOneIgnored) {
 TEST_F(DaemonLifecycle, LeftoverBatchRunsBeforeTheQueueAtStart) {
   std::ofstream(kBatchFile) << "x:left over\n";
   ASSERT_TRUE(AppendQueueLine("x:queued"));
-  pid_ = StartDaemon(kFastClock);
-  ASSERT_GT(pid_, 0);
+  ASSERT_GT(pid_ = StartDaemon(kFastClock), 0);
   // Two runs back to back may reach the stand-in as one SIGHUP; the log tells them apart.
   ASSERT_TRUE(WaitForLog("Bad format [x:queued]."));
   std::string log;
@@ -66,23 +64,6 @@ TEST_F(DaemonLifecycle, NoRunWithoutASignalNoneWhileSignalsGoOnThenExactlyOne) {
   EXPECT_EQ(SandboxLogCount("Bad format [x:once]."), 1);
 }
 
-// SIGTERM in the middle of a run leaves the batch for the next start: nothing queued is lost.
-TEST_F(DaemonLifecycle, BatchCutShortBySigtermRunsAtNextStart) {
-  StartIdle();
-  StartLongRun("line");
-  const int status = StopDaemon(pid_);
-  pid_ = -1;
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  EXPECT_EQ(SandboxHupCount(), 1);
-  ASSERT_TRUE(fs::exists(kBatchFile));
-
-  pid_ = StartDaemon(kFastClock);
-  ASSERT_GT(pid_, 0);
-  ASSERT_TRUE(WaitForHups(2));
-  EXPECT_GE(SandboxLogCount("Bad format [x:line 19999]."), 1);
-  EXPECT_FALSE(fs::exists(kBatchFile));
-}
-
 // The feature switches are read at start-up: seen through the photo database rows of a queued picture.
 class FeatureSwitches : public DaemonSandboxTest {
  protected:
@@ -97,17 +78,14 @@ class FeatureSwitches : public DaemonSandboxTest {
   }
 };
 
-TEST_F(FeatureSwitches, PhotoSwitchOnReachesThePhotoDatabase) {
-  EXPECT_EQ(PhotoRowsWith("supportcinedock=no\nsupportphoto=\"YES\"\n"), 1u);
-}
-
 TEST_F(FeatureSwitches, PhotoSwitchOffKeepsToTheMediaDatabase) {
   EXPECT_EQ(PhotoRowsWith("supportcinedock=yes\nsupportphoto=no\n"), 0u);
 }
 
-// Deliberate: both keys share one uncleared buffer, so a missing supportphoto takes supportcinedock's value.
+// Deliberate: both keys share one uncleared buffer, so a missing supportphoto takes supportcinedock's
+// value ("yes" in any case turns a switch on).
 TEST_F(FeatureSwitches, MissingPhotoKeyTakesTheFirstKeysValue) {
-  EXPECT_EQ(PhotoRowsWith("supportcinedock=yes\n"), 1u);
+  EXPECT_EQ(PhotoRowsWith("supportcinedock=\"YES\"\n"), 1u);
   EXPECT_EQ(SandboxLogCount("Can't get key value. key=supportphoto"), 1);
 }
 
@@ -124,13 +102,6 @@ class QueueCommands : public DaemonSandboxTest {
   static Paths Rows(const char* table) { return Column(kMediaDbFile, std::string("select path from ") + table); }
   static void MakeMp3(const std::string& path) { std::ofstream(path, std::ios::binary) << mp3test::TaggedMp3("t"); }
 };
-
-TEST_F(QueueCommands, EmptyQueueIsConsumedAndNotified) {
-  std::ofstream(kQueueFile).flush();
-  Run({});
-  EXPECT_FALSE(fs::exists(kQueueFile) || fs::exists(kBatchFile));
-  EXPECT_EQ(SandboxLogCount("queue.cpp"), 0);
-}
 
 TEST_F(QueueCommands, BadLinesAreLoggedAndTheRestRunsEvenWithoutTheLastNewline) {
   fs::create_directories("/volume1/music/kept");
@@ -194,19 +165,6 @@ TEST_F(QueueCommands, LinesQueuedDuringARunRunLater) {
   ASSERT_TRUE(WaitForLog("Bad format [x:first batch 19999]."));
   EXPECT_EQ(SandboxLogCount("Bad format [x:first batch "), 20000);
   EXPECT_EQ(SandboxLogCount("Bad format [x:during the run]."), 1);
-}
-
-// The client queues its line and signals the daemon; "status" names the daemon that runs.
-TEST_F(QueueCommands, ClientQueuesATreeThatIsIndexedAfterOneCall) {
-  const std::string client = std::string(ORVO_BINARY_DIR) + "/orvoindex";
-  fs::create_directories("/volume1/music/a/b");
-  CommandResult add = RunCommand({client, "add-tree", "/volume1/music/a"});
-  EXPECT_TRUE(WIFEXITED(add.status) && WEXITSTATUS(add.status) == 0) << add.output;
-  ASSERT_TRUE(WaitForHups(2));
-  EXPECT_EQ(Rows("directory"), (Paths{"/volume1/music/a", "/volume1/music/a/b"}));
-  CommandResult status = RunCommand({client, "status"});
-  EXPECT_TRUE(WIFEXITED(status.status) && WEXITSTATUS(status.status) == 0);
-  EXPECT_NE(status.output.find("running (pid " + std::to_string(pid_) + ")"), std::string::npos) << status.output;
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // Helpers shared by the format tests: a scratch folder, ffmpeg-made media, the corpus's reference.json.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
@@ -42,8 +44,12 @@ class TempDir {
   std::string path_;
 };
 
-inline void WriteBytes(const std::string& path, const std::string& bytes) {
+// `bytes` at `path`, its folders made, modified at `mtime` unless that is 0.
+inline void WriteBytes(const std::string& path, const std::string& bytes, time_t mtime = 0) {
+  fs::create_directories(fs::path(path).parent_path());
   std::ofstream(path, std::ios::binary) << bytes;
+  const timespec times[2] = {{mtime, 0}, {mtime, 0}};
+  EXPECT_TRUE(mtime == 0 || utimensat(AT_FDCWD, path.c_str(), times, 0) == 0) << path;
 }
 
 inline std::string ReadBytes(const std::string& path) {
@@ -99,35 +105,13 @@ inline std::vector<std::string> CorpusFiles(const std::string& folder) {
   return files;
 }
 
-// reference.json's object for a corpus file ("flac/foo.flac") as text up to the next file's key, or "".
-inline std::string Reference(const std::string& relative) {
-  static const std::string json = [] {
-    std::stringstream text;
-    text << std::ifstream(CorpusDir() + "/reference.json").rdbuf();
-    return text.str();
-  }();
-  size_t at = json.find("\n  \"" + relative + "\": {");
-  if (at == std::string::npos) return "";
-  return json.substr(at, json.find("\n  \"", at + 4) - at);
-}
+// reference.json's entry for a corpus file ("flac/foo.flac") as JSON text, or "" (support/reference.cpp).
+std::string Reference(const std::string& relative);
 
-// The "value" (or `tool`'s) at `keys` in a reference text; "" if absent, null, escaped, or (`agreed`) disputed.
-inline std::string RefText(const std::string& entry, std::initializer_list<const char*> keys,
-                           const std::string& tool = "value", bool agreed = false) {
-  size_t at = 0;
-  for (const char* key : keys)
-    if ((at = entry.find(std::string("\"") + key + "\": {", at)) == std::string::npos) return "";
-  size_t line = entry.rfind('\n', at) + 1;  // the closing brace is indented as the key
-  std::string close(1, '\n');
-  close.append(entry, line, at - line).push_back('}');
-  std::string object = entry.substr(at, entry.find(close, at) - at);
-  size_t v = object.find("\"" + tool + "\": ");
-  if (v == std::string::npos || (agreed && object.find("\"agree\": false") != std::string::npos)) return "";
-  std::string token = object.substr(v + tool.size() + 4, object.find('\n', v) - v - tool.size() - 4);
-  if (!token.empty() && token.back() == ',') token.pop_back();
-  if (token.empty() || token == "null" || token.find('\\') != std::string::npos) return "";
-  return token[0] == '"' ? token.substr(1, token.size() - 2) : token;
-}
+// The "value" (or `tool`'s) at `keys` in a reference entry as text; "" if absent, null, not ASCII-only
+// text, or (`agreed`) disputed.
+std::string RefText(const std::string& entry, std::initializer_list<const char*> keys,
+                    const std::string& tool = "value", bool agreed = false);
 
 // A field's number where the tools agree (or one reported it), or `tool`'s; NaN when missing.
 inline double Agreed(const std::string& entry, const char* field, const std::string& tool = "value") {

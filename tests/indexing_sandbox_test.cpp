@@ -78,10 +78,6 @@ TEST_F(FormatsSandbox, EveryExtensionLandsInItsTable) {
   }
   // The VCD parser's unit, not the generic probe's figure: .dat went to its own handler.
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select video_bitrate from video where path like '%f.dat'"), (Rows{{"2875000"}}));
-  // A gone FLAC file is removed by the generic audio remover.
-  fs::remove(kFolder + "/f.flac");
-  ASSERT_TRUE(RunLines({"d:" + kFolder + "/f.flac"}));
-  EXPECT_EQ(Names("music").count("f.flac"), 0u);
 }
 
 // The values the daemon stores, on each backend: DatabaseTest points ORVO_MEDIA_DB and ORVO_PHOTO_DB at a
@@ -158,9 +154,7 @@ TEST_F(PhotoShareInSandbox, DaemonReindexAndRenameThroughQueue) {
   fs::remove(kShare + "/Trip/gone.jpg");
   ORVODBCloseAll();
   std::ofstream("/etc/orvoinfo.conf") << "albumdefpublic=YES\n";
-  pid_ = StartDaemon(kFastClock);
-  ASSERT_GT(pid_, 0);
-  ASSERT_TRUE(RunLines({"R:photo"}));
+  ASSERT_GT(pid_ = StartOnQueue({"R:photo"}), 0);
   EXPECT_EQ(PhotoPaths(), kShare + "/Trip/b.jpg\n" + kShare + "/Trip/day1/a.jpg");
   EXPECT_EQ(Albums(), "Other|1\nTrip|0\nTrip/day1|0\nq'x%_\\|1");
   EXPECT_EQ(ReadFile("/var/spool/orvo_thumb_queue"), "3:" + kShare + "/Trip/day1/a.jpg\n");

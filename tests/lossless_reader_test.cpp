@@ -26,11 +26,19 @@ std::string Form(const std::string& type, const std::string& chunks) {
   return "FORM" + Be(4 + chunks.size(), 4) + type + chunks;
 }
 
-// The record filled from `bytes` written to `relative` in a scratch folder.
-MediaInfo Fill(const std::string& relative, const std::string& bytes) {
-  TempDir dir;
-  WriteBytes(dir.File(relative), bytes);
-  return Filled(FillAiffRecord, dir.File(relative));
+// A path in the file's scratch folder.
+std::string Scratch(const std::string& relative) {
+  static const TempDir dir;
+  return dir.File(relative);
+}
+
+// The record `fill` makes of `bytes` written to `relative` in the scratch folder, the file then made
+// `size` bytes long (sparse).
+MediaInfo Fill(const std::string& relative, const std::string& bytes, off_t size = 0,
+               int (*fill)(const char*, MediaInfo*) = FillAiffRecord) {
+  WriteBytes(Scratch(relative), bytes);
+  EXPECT_EQ(size > 0 ? truncate(Scratch(relative).c_str(), size) : 0, 0);
+  return Filled(fill, Scratch(relative));
 }
 
 // The bits per sample the reader reports, or -1 when it refuses the bytes.
@@ -101,17 +109,12 @@ std::string FlacHeader(uint32_t rate, int channels, uint64_t samples, const std:
   return b + "\x84" + Be(body.size(), 3) + body;
 }
 
-// The record of `bytes` written to `relative`, the file then made `size` bytes long (sparse).
-MediaInfo Fill(const TempDir& dir, const std::string& relative, const std::string& bytes, off_t size = 0) {
-  std::string path = dir.File(relative);
-  WriteBytes(path, bytes);
-  EXPECT_EQ(size > 0 ? truncate(path.c_str(), size) : 0, 0);
-  return Filled(FillFlacRecord, path);
+MediaInfo FillFlac(const std::string& relative, const std::string& bytes, off_t size = 0) {
+  return Fill(relative, bytes, size, FillFlacRecord);
 }
 
 TEST(FlacComments, KeysMatchIgnoringCaseAndEmptyValuesAreSkipped) {
-  TempDir dir;
-  MediaInfo m = Fill(dir, "Albums/Song File.flac",
+  MediaInfo m = FillFlac("Albums/Song File.flac",
                      FlacHeader(44100, 2, 441000, {"title=Song", "TITLE=", "ARTIST=First", "Artist=Second",
                                                    "ALBUMARTIST=Not the album", "TRACKNUMBER=3/12",
                                                    "DATE=2010-10-11T12:00:00", "GENRE=Rock", "ALBUM="}));
@@ -123,26 +126,24 @@ TEST(FlacComments, KeysMatchIgnoringCaseAndEmptyValuesAreSkipped) {
 }
 
 TEST(FlacStreamInfo, WholeSecondDurationAndBitRateFromFileSize) {
-  TempDir dir;
   const struct { uint32_t rate; uint64_t samples; off_t size; float seconds; int bitrate; } cases[] = {
       {44100, 2646000, 21168000, 60, 2822400}, {10, 19, 1000, 1, 8000},  // 1.9 s counts as 1 s, for the bit rate too
       {0, 1000, 0, 0, 0}, {44100, 22050, 0, 0, 0}};                       // no division by zero rate or seconds
   for (const auto& c : cases) {
-    MediaInfo m = Fill(dir, "f/s.flac", FlacHeader(c.rate, 2, c.samples, {}), c.size);
+    MediaInfo m = FillFlac("f/s.flac", FlacHeader(c.rate, 2, c.samples, {}), c.size);
     EXPECT_EQ(m.duration, c.seconds) << c.rate << " " << c.samples;
     EXPECT_EQ(m.bitrate, c.bitrate) << c.rate << " " << c.samples;
   }
 }
 
 TEST(FlacFailures, LoggedAndSavedWithWhatWasRead) {
-  TempDir dir;
   orvo::test::LogCapture log;
-  MediaInfo m = Fill(dir, "Mix/junk.flac", std::string(100, '\7'));
-  EXPECT_TRUE(log.Contains("Can't get Flac stream info: " + dir.File("Mix/junk.flac") + "."));
+  MediaInfo m = FillFlac("Mix/junk.flac", std::string(100, '\7'));
+  EXPECT_TRUE(log.Contains("Can't get Flac stream info: " + Scratch("Mix/junk.flac") + "."));
   EXPECT_TRUE(log.Contains("Failed to parse music metadata."));
   EXPECT_EQ(std::string(m.title) + "|" + m.album, "junk|Mix");
-  m = Fill(dir, "Mix/untagged.flac", FlacHeader(48000, 1, 96000, {}, true));
-  EXPECT_TRUE(log.Contains("Can't get Flac comment tags: " + dir.File("Mix/untagged.flac") + "."));
+  m = FillFlac("Mix/untagged.flac", FlacHeader(48000, 1, 96000, {}, true));
+  EXPECT_TRUE(log.Contains("Can't get Flac comment tags: " + Scratch("Mix/untagged.flac") + "."));
   EXPECT_EQ(m.frequency, 48000);  // stream values read before the failure stay
   EXPECT_EQ(m.duration, 2.0f);
 }

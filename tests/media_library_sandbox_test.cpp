@@ -17,13 +17,7 @@ TEST_F(MediaLibrary, WithoutLibavformatFilesAreStillSavedByName) {
   const std::string libraries = "/var/lib/orvoindex-nolib";
   fs::create_directories(libraries);
   std::ofstream(libraries + "/libavutil.so.57") << "not a library";
-  std::ofstream(kQueueFile) << "A:" << folder << "\n";
-
-  std::vector<std::string> env = kFastClock;
-  env.push_back("LD_LIBRARY_PATH=" + libraries);
-  pid_ = StartDaemon(env);
-  ASSERT_GT(pid_, 0);
-  ASSERT_TRUE(WaitForHups(1));
+  ASSERT_GT(pid_ = StartOnQueue({"A:" + folder}, {"LD_LIBRARY_PATH=" + libraries}), 0);
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select title from music order by title"),
             (std::vector<std::vector<std::string>>{{"Song One"}, {"Song Two"}}));
   EXPECT_EQ(SandboxLogCount("Failed to load libavformat"), 1);

@@ -270,54 +270,41 @@ TEST_P(PhotoShareTable, RenameCarriesSubAlbums) {
 TEST_P(PhotoShareTable, LikePatternOfOneAlbumNeverMatchesAnother) {
   const std::vector<std::string> names = {"x'y", "x''y", "x'''y", "x''", "x\\y", "x\\\\y", "x%y", "x_y", "xzy",
                                           "x'; drop table photo_share; --", "x"};
-  auto sub = [](size_t i) { return "/s" + std::to_string(i); };
-  // The table as it must be: album k renamed when renamed[k], its sub-album there unless swept[k],
-  // both gone when deleted[k].
-  std::vector<bool> renamed(names.size()), swept(names.size()), deleted(names.size());
-  auto expected = [&] {
-    std::set<std::string> rows;
-    for (size_t k = 0; k < names.size(); ++k) {
-      if (deleted[k]) continue;
-      std::string album = (renamed[k] ? "r" : "") + names[k];
-      rows.insert(album);
-      if (!swept[k]) rows.insert(album + sub(k));
-    }
-    return rows;
-  };
-  auto table = [] {
+  std::set<std::string> expected;  // the table as it must be after each step
+  auto check = [&](const std::string& step) {
     std::set<std::string> rows;
     std::istringstream in(Names());
     for (std::string line; std::getline(in, line);) rows.insert(line);
-    return rows;
+    EXPECT_EQ(rows, expected) << step;
   };
-  for (size_t i = 0; i < names.size(); ++i) {
-    ASSERT_EQ(Add(names[i]), 0) << names[i];
-    ASSERT_EQ(Add(names[i] + sub(i)), 0) << names[i];
+  for (const std::string& name : names) {
+    ASSERT_EQ(Add(name) + Add(name + "/s"), 0) << name;
+    expected.insert({name, name + "/s"});
   }
   char value[128] = {};
-  EXPECT_EQ(ORVOPhotoShareGetFieldValue("x'; drop table photo_share; --/s9", "is_subdir", value, sizeof value), 0);
+  EXPECT_EQ(ORVOPhotoShareGetFieldValue("x'; drop table photo_share; --/s", "is_subdir", value, sizeof value), 0);
   EXPECT_STREQ(value, "t");
-  for (size_t i = 0; i < names.size(); ++i) {
-    ASSERT_EQ(Rename("r" + names[i], names[i]), 0) << names[i];
-    renamed[i] = true;
-    ASSERT_EQ(table(), expected()) << "renamed " << names[i];
+  for (const std::string& name : names) {
+    ASSERT_EQ(Rename("r" + name, name), 0) << name;
+    expected.erase(name), expected.erase(name + "/s"), expected.insert({"r" + name, "r" + name + "/s"});
+    check("renamed " + name);
   }
-  for (size_t i = 0; i < names.size(); ++i) {
-    ASSERT_EQ(ORVOPhotoShareUpdatedReset(("r" + names[i]).c_str()), 0);
-    EXPECT_EQ(Photo("select sharename from photo_share where updated = 'false'"), "r" + names[i] + sub(i));
-    ASSERT_EQ(ORVOPhotoShareUnmarkedDelete(("r" + names[i]).c_str()), 0);
-    swept[i] = true;
-    ASSERT_EQ(table(), expected()) << "swept below " << names[i];
+  for (const std::string& name : names) {
+    ASSERT_EQ(ORVOPhotoShareUpdatedReset(("r" + name).c_str()), 0);
+    EXPECT_EQ(Photo("select sharename from photo_share where updated = 'false'"), "r" + name + "/s");
+    ASSERT_EQ(ORVOPhotoShareUnmarkedDelete(("r" + name).c_str()), 0);
+    expected.erase("r" + name + "/s");
+    check("swept below " + name);
+  }
+  for (const std::string& name : names) {
+    ASSERT_EQ(Add("r" + name + "/s"), 0);
+    expected.insert("r" + name + "/s");
   }
   // Deleted from the last on, so that each name goes while its lookalikes are still there.
-  for (size_t i = 0; i < names.size(); ++i) {
-    ASSERT_EQ(Add("r" + names[i] + sub(i)), 0);
-    swept[i] = false;
-  }
-  for (size_t i = names.size(); i-- > 0;) {
-    ASSERT_EQ(Delete("r" + names[i]), 0) << names[i];
-    deleted[i] = true;
-    ASSERT_EQ(table(), expected()) << "deleted " << names[i];
+  for (auto name = names.rbegin(); name != names.rend(); ++name) {
+    ASSERT_EQ(Delete("r" + *name), 0) << *name;
+    expected.erase("r" + *name), expected.erase("r" + *name + "/s");
+    check("deleted " + *name);
   }
 }
 

@@ -3,11 +3,13 @@
 
 #include <array>
 #include <map>
+#include <regex>
 
 #include "formats_testutil.h"
 #include "meta/exif.h"
 #include "platform/image_size.h"
 #include "platform/media_db.h"
+#include "support/reference.h"
 
 namespace {
 
@@ -58,8 +60,8 @@ Bytes Bmp(uint32_t headerSize, int32_t w, int32_t h) {
 }
 // Two directory entries; the larger second one must not be taken.
 Bytes Ico(int count, int w, int h) {
-  Bytes b = {0, 0, 1, 0, static_cast<uint8_t>(count), 0, static_cast<uint8_t>(w), static_cast<uint8_t>(h)};
-  b.resize(6 + 32, 0);
+  Bytes b(6 + 32, 0);
+  b[2] = 1, b[4] = static_cast<uint8_t>(count), b[6] = static_cast<uint8_t>(w), b[7] = static_cast<uint8_t>(h);
   b[22] = b[23] = 48;
   return b;
 }
@@ -183,23 +185,19 @@ PhotoInfo ReadFile(const std::string& path) {
 const char* const kTags[] = {"Make", "IFD1_Make", "Model", "IFD1_Model", "DateTimeOriginal", "DateTimeDigitized",
                              "DateTime", "ISOSpeedRatings", "PixelXDimension", "PixelYDimension", "ExposureTime", "FNumber"};
 
-// The kTags values ("" when absent) of every JPEG the tools read cleanly, from the JSON through perl.
+// The kTags values ("" when absent) of every JPEG the tools read cleanly.
 std::vector<std::map<std::string, std::string>> ReferenceJpegs() {
-  std::string command =
-      "perl -MJSON::PP -e 'binmode STDOUT, q(:utf8); local $/; my $files = decode_json(<STDIN>)->{files};"
-      " for my $k (sort keys %$files) { my $e = $files->{$k};"
-      "  next if $k !~ m{^pictures/.*[.](jpg|jpeg|jpe)$}i || %{$e->{diagnostics} || {}};"
-      "  print join(qq(\\t), $k, map { (($e->{exif} || {})->{$_} || {})->{value} // q() } @ARGV), qq(\\n) }'";
-  for (const char* tag : kTags) command += std::string(" ") + tag;
-  command += " < '" + std::string(ORVO_CORPUS_DIR) + "/reference.json'";
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
   std::vector<std::map<std::string, std::string>> rows;
-  char line[4096];
-  while (pipe && fgets(line, sizeof line, pipe.get()) != nullptr) {
-    std::istringstream fields(std::string(line, strcspn(line, "\n")));
+  const std::regex jpeg("pictures/.*[.](jpg|jpeg|jpe)", std::regex::icase);
+  for (const auto& [path, entry] : ReferenceFiles().items()) {
+    if (!std::regex_match(path, jpeg) || !entry.value("diagnostics", nlohmann::json::object()).empty()) continue;
     std::map<std::string, std::string>& row = rows.emplace_back();
-    std::getline(fields, row["path"], '\t');
-    for (const char* tag : kTags) std::getline(fields, row[tag], '\t');
+    row["path"] = path;
+    const nlohmann::json exif = entry.value("exif", nlohmann::json::object());
+    for (const char* tag : kTags) {
+      const nlohmann::json v = exif.value(tag, nlohmann::json::object()).value("value", nlohmann::json());
+      row[tag] = v.is_string() ? v.get<std::string>() : v.is_null() ? "" : v.dump();
+    }
   }
   return rows;
 }

@@ -117,15 +117,8 @@ TEST(MediaInfoValid, RepairsWhatCannotBeStored) {
 }
 
 // Tag text into UTF-8 fields, never a byte past the field or half a character.
-struct Case {
-  std::string in;
-  bool utf16;
-  size_t room;
-  std::string want;
-};
-
 TEST(TextField, ConvertedToUtf8WithinTheFieldWithoutSplittingACharacter) {
-  const Case cases[] = {
+  const std::tuple<std::string, bool, size_t, std::string> cases[] = {  // text, UTF-16, room, result
       {std::string("\xFF\xFE" "A\0\xE9\0\0\0junk", 12), true, 64, "A\xc3\xa9"},  // little-endian
       {std::string("\xFE\xFF\0A\0\xE9\0\0", 8), true, 64, "A\xc3\xa9"},          // big-endian
       {std::string("\xFF\xFE\x3D\xD8\x00\xDE", 6), true, 64, "\xf0\x9f\x98\x80"},  // surrogate pair
@@ -141,14 +134,14 @@ TEST(TextField, ConvertedToUtf8WithinTheFieldWithoutSplittingACharacter) {
       {"abc\xe9", false, 6, "abc\xc3\xa9"},
       {"x", false, 1, ""},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.in);
-    std::string out(c.room + 8, '#');  // guard bytes after the field
-    size_t n = orvo::ToUtf8Field(c.in.data(), c.in.size(), c.utf16, out.data(), c.room);
-    ASSERT_LT(n, c.room);
+  for (const auto& [in, utf16, room, want] : cases) {
+    SCOPED_TRACE(in);
+    std::string out(room + 8, '#');  // guard bytes after the field
+    size_t n = orvo::ToUtf8Field(in.data(), in.size(), utf16, out.data(), room);
+    ASSERT_LT(n, room);
     EXPECT_EQ(out[n], '\0');
-    EXPECT_EQ(out.substr(c.room), std::string(8, '#')) << "wrote past the field";
-    EXPECT_EQ(out.substr(0, n), c.want);
+    EXPECT_EQ(out.substr(room), std::string(8, '#')) << "wrote past the field";
+    EXPECT_EQ(out.substr(0, n), want);
   }
   char none = 'z';
   EXPECT_EQ(orvo::ToUtf8Field("abc", 3, false, &none, 0), 0u);

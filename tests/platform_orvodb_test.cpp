@@ -1,5 +1,4 @@
 // Database access on every backend: statements, escaping, LIKE, booleans, results, groups, outages.
-#include <libpq-fe.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 
@@ -257,16 +256,7 @@ TEST_P(RawAccess, OneRefusedRowCostsOnlyItselfAndIsLogged) {
 TEST_P(RawAccess, ALockedTableIsTheRunsLossAndHoldsTheRestOfTheRunSilently) {
   ASSERT_EQ(SaveMusic("/m/before.mp3"), 0);
   ASSERT_EQ(ORVODBFlush(), 0);
-  PGconn* pg = nullptr;
-  sqlite3* lite = nullptr;
-  if (IsPostgres()) {
-    pg = PQconnectdb(Location(OrvoDatabase::kMedia).c_str());
-    PQclear(PQexec(pg, "begin"));
-    PQclear(PQexec(pg, "lock table music in access exclusive mode"));
-  } else {
-    ASSERT_EQ(sqlite3_open(Location(OrvoDatabase::kMedia).c_str() + 7, &lite), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(lite, "begin exclusive", nullptr, nullptr, nullptr), SQLITE_OK);
-  }
+  LockMediaTables("music");
   orvo::test::LogCapture log;
   ORVODBBeginRun();
   const uint64_t first = ORVODBLastNumber() + 1;
@@ -282,8 +272,7 @@ TEST_P(RawAccess, ALockedTableIsTheRunsLossAndHoldsTheRestOfTheRunSilently) {
   EXPECT_EQ(ORVODBProbe(OrvoDatabase::kMedia), IsPostgres() ? 0 : -1) << "a table lock lets the server answer";
   ORVODBEndRun();
   EXPECT_TRUE(log.messages().empty()) << log.messages().front();
-  if (pg != nullptr) PQclear(PQexec(pg, "commit")), PQfinish(pg);
-  if (lite != nullptr) sqlite3_exec(lite, "commit", nullptr, nullptr, nullptr), sqlite3_close(lite);
+  UnlockMediaTables();
   EXPECT_EQ(ORVODBProbe(OrvoDatabase::kMedia), 0);
   EXPECT_EQ(SaveMusic("/m/a.mp3"), 0);
   ASSERT_EQ(ORVODBFlush(), 0);

@@ -1,12 +1,10 @@
 // R: through the client and the real daemon, on each backend: with reindex=incremental in
 // /etc/orvoindex.conf the rows of unchanged files are kept unread with their ids; without it every
 // row is made again.
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <map>
 #include <sstream>
 
+#include "formats_testutil.h"
 #include "mp3_test_bytes.h"
 #include "support/db_fixture.h"
 #include "support/sandbox.h"
@@ -21,13 +19,8 @@ constexpr time_t kStamp = 1500000000;
 const std::string kMusic = "/volume1/music", kVideo = "/volume1/video";
 
 void Write(const std::string& path, const std::string& bytes, time_t mtime = kStamp) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream(path, std::ios::binary) << bytes;
-  const timespec times[2] = {{mtime, 0}, {mtime, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+  formats_test::WriteBytes(path, bytes, mtime);
 }
-
-std::string Mp3(const std::string& title) { return TaggedMp3(title); }
 
 // path -> the other columns, "|"-joined, read on a connection of the test's own.
 Rows Query(const std::string& table, const std::string& columns) {
@@ -59,8 +52,8 @@ class ReindexSandbox : public SandboxDatabaseTest {
 // the share it names.
 TEST_P(ReindexSandbox, IncrementalKeepsUnchangedRowsUnreadAndEveryId) {
   std::ofstream("/etc/orvoindex.conf") << "reindex=incremental\n";
-  Write(kMusic + "/a/keep.mp3", Mp3("Kept title"));
-  Write(kMusic + "/a/time.mp3", Mp3("Before"));
+  Write(kMusic + "/a/keep.mp3", TaggedMp3("Kept title"));
+  Write(kMusic + "/a/time.mp3", TaggedMp3("Before"));
   Write(kVideo + "/v/clip.avi", "not really a video");
   Write(kVideo + "/v/gone.avi", "not really a video either");
   Start();
@@ -70,8 +63,8 @@ TEST_P(ReindexSandbox, IncrementalKeepsUnchangedRowsUnreadAndEveryId) {
   Mark("music");
   Mark("video");
 
-  Write(kMusic + "/a/keep.mp3", Mp3("Swap title"));  // same size, same time: must not be read
-  Write(kMusic + "/a/time.mp3", Mp3("Behind"), kStamp + 60);
+  Write(kMusic + "/a/keep.mp3", TaggedMp3("Swap title"));  // same size, same time: must not be read
+  Write(kMusic + "/a/time.mp3", TaggedMp3("Behind"), kStamp + 60);
   fs::remove(kVideo + "/v/gone.avi");
   Reindex("music");
   EXPECT_EQ(Query("music", "id, title, genre"),
@@ -88,13 +81,13 @@ TEST_P(ReindexSandbox, IncrementalKeepsUnchangedRowsUnreadAndEveryId) {
 // outside the share keeps SQLite from handing the freed id out again.)
 TEST_P(ReindexSandbox, WithoutTheKeyEveryRowIsMadeAgain) {
   const std::string keep = kMusic + "/a/keep.mp3", outside = "/volume1/photo/x.mp3";
-  Write(keep, Mp3("Kept title"));
-  Write(outside, Mp3("Outside"));
+  Write(keep, TaggedMp3("Kept title"));
+  Write(outside, TaggedMp3("Outside"));
   Start();
   Reindex("all");
   const Rows before = Query("music", "id");
   ASSERT_EQ(before.size(), 2u);
-  Write(keep, Mp3("Other title"));
+  Write(keep, TaggedMp3("Other title"));
   Reindex("music");
   const Rows after = Query("music", "id, title");
   ASSERT_EQ(after.size(), 2u);

@@ -1,11 +1,9 @@
 // The incremental re-index on each backend: unchanged files stay unread and unwritten, changed and new
 // ones are read, rows of gone files go, ids stay; and the switch that turns it on.
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <map>
 #include <sstream>
 
+#include "formats_testutil.h"
 #include "index/handler_table.h"
 #include "index/reindex.h"
 #include "mp3_test_bytes.h"
@@ -18,8 +16,6 @@ using namespace mp3test;
 using orvo::test::QueryAll;
 
 constexpr time_t kStamp = 1500000000;
-
-std::string Mp3(const std::string& title) { return TaggedMp3(title); }
 
 // A share two components deep like /volume1/<share>; '%' and '_' in its name match only themselves.
 class IncrementalReindex : public orvo::test::DatabaseTest {
@@ -37,14 +33,7 @@ class IncrementalReindex : public orvo::test::DatabaseTest {
   }
   // Writes the file and gives it (and so its row) a known modification time.
   void Write(const std::string& relative, const std::string& bytes, time_t mtime = kStamp) {
-    const std::string path = share_ + "/" + relative;
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << bytes;
-    Touch(relative, mtime);
-  }
-  void Touch(const std::string& relative, time_t mtime) {
-    const timespec times[2] = {{mtime, 0}, {mtime, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, (share_ + "/" + relative).c_str(), times, 0), 0) << relative;
+    formats_test::WriteBytes(share_ + "/" + relative, bytes, mtime);
   }
   void Reindex() {
     ReindexTreeIncrementally(share_.c_str());
@@ -75,8 +64,8 @@ class IncrementalReindex : public orvo::test::DatabaseTest {
 // The row of an unchanged file is neither rewritten (its marker stays) nor read again: the file's
 // tags were replaced behind the same size and time, and the row still holds the old ones.
 TEST_P(IncrementalReindex, UnchangedFilesAreNeitherReadNorWritten) {
-  Write("Band/Album/01 Song.mp3", Mp3("First title"));
-  Write("Band/Album/Caf\xE9.mp3", Mp3("Latin-1 name"));
+  Write("Band/Album/01 Song.mp3", TaggedMp3("First title"));
+  Write("Band/Album/Caf\xE9.mp3", TaggedMp3("Latin-1 name"));
   Write("Band/Album/list.m3u", "01 Song.mp3\n");
   Write("Band/cover.png", "not really a picture");
   Reindex();
@@ -86,7 +75,7 @@ TEST_P(IncrementalReindex, UnchangedFilesAreNeitherReadNorWritten) {
   ASSERT_EQ(folderIds.size(), 3u);
   for (const char* table : {"music", "playlist", "photo"}) Mark(table);
 
-  Write("Band/Album/01 Song.mp3", Mp3("Other title"));  // same length, same time
+  Write("Band/Album/01 Song.mp3", TaggedMp3("Other title"));  // same length, same time
   Reindex();
   EXPECT_EQ(Rows("music", "id"), ids);
   EXPECT_EQ(Rows("music", "title, genre"),
@@ -100,20 +89,20 @@ TEST_P(IncrementalReindex, UnchangedFilesAreNeitherReadNorWritten) {
 // A new size or a new time gets the file read again under the same id; new files and folders are
 // added; the rows of a removed file and of everything in a removed folder go.
 TEST_P(IncrementalReindex, ChangedNewAndVanishedFilesAreBroughtInStep) {
-  Write("a/size.mp3", Mp3("Short"));
-  Write("a/time.mp3", Mp3("Before"));
-  Write("a/gone.mp3", Mp3("Gone"));
+  Write("a/size.mp3", TaggedMp3("Short"));
+  Write("a/time.mp3", TaggedMp3("Before"));
+  Write("a/gone.mp3", TaggedMp3("Gone"));
   Write("a/list.wpl", "<smil/>");
-  Write("old/deep/x.mp3", Mp3("Old"));
+  Write("old/deep/x.mp3", TaggedMp3("Old"));
   Reindex();
   const auto ids = Rows("music", "id");
 
-  Write("a/size.mp3", Mp3("Much longer title"));
-  Write("a/time.mp3", Mp3("Behind"), kStamp + 1);
+  Write("a/size.mp3", TaggedMp3("Much longer title"));
+  Write("a/time.mp3", TaggedMp3("Behind"), kStamp + 1);
   Write("a/list.wpl", "<smil></smil>");
   fs::remove(share_ + "/a/gone.mp3");
   fs::remove_all(share_ + "/old");
-  Write("new/n.mp3", Mp3("New"));
+  Write("new/n.mp3", TaggedMp3("New"));
   Reindex();
 
   const auto rows = Rows("music", "id, title, mtime");
@@ -131,11 +120,11 @@ TEST_P(IncrementalReindex, ChangedNewAndVanishedFilesAreBroughtInStep) {
 // recycle bin, of a file in the wrong table, and of gone folders go; rows outside the share stay, even
 // where a careless prefix would take them along.
 TEST_P(IncrementalReindex, RowsAFullReindexWouldDropGoAndOthersStay) {
-  Write("a/._x.mp3", Mp3("Companion"));
+  Write("a/._x.mp3", TaggedMp3("Companion"));
   Write("a/notes.txt", "text");
-  Write("#recycle/r.mp3", Mp3("Binned"));
+  Write("#recycle/r.mp3", TaggedMp3("Binned"));
   Write("a/clip.avi", "not really a video");
-  Write("a/kept.mp3", Mp3("Kept"));
+  Write("a/kept.mp3", TaggedMp3("Kept"));
   Reindex();
   const std::string outside[] = {"/tmp/orvoXXincrY" + std::to_string(getpid()) + "/a.mp3",
                                  share_ + "2/a.mp3", "/tmp/elsewhere.mp3"};
@@ -155,7 +144,7 @@ TEST_P(IncrementalReindex, RowsAFullReindexWouldDropGoAndOthersStay) {
 
 // A share whose folder is not there (a volume not mounted) keeps every row.
 TEST_P(IncrementalReindex, MissingShareKeepsItsRows) {
-  Write("a/song.mp3", Mp3("Song"));
+  Write("a/song.mp3", TaggedMp3("Song"));
   Reindex();
   fs::remove_all(share_);
   Reindex();
@@ -165,7 +154,7 @@ TEST_P(IncrementalReindex, MissingShareKeepsItsRows) {
 
 // A file that changed into something its handler refuses loses its row, as in a full re-index.
 TEST_P(IncrementalReindex, ChangedFileItsHandlerRefusesLosesItsRow) {
-  Write("a/song.mp3", Mp3("Song"));
+  Write("a/song.mp3", TaggedMp3("Song"));
   Reindex();
   ASSERT_EQ(Rows("music", "title").size(), 1u);
   Write("a/song.mp3", std::string(3000, '\0'));
@@ -177,9 +166,8 @@ TEST_P(IncrementalReindex, ChangedFileItsHandlerRefusesLosesItsRow) {
 INSTANTIATE_TEST_SUITE_P(Backends, IncrementalReindex, ::testing::ValuesIn(orvo::test::DatabaseBackends()));
 
 TEST(IncrementalReindexSwitch, OnlyReindexIncrementalTurnsItOn) {
-  char dir[] = "/tmp/orvo-reindex-conf-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string conf = std::string(dir) + "/orvoindex.conf";
+  formats_test::TempDir dir;
+  const std::string conf = dir.File("orvoindex.conf");
   EXPECT_FALSE(IncrementalReindexWanted(conf.c_str()));  // no file
   const std::pair<const char*, bool> cases[] = {
       {"media_db=sqlite:/x.db\nreindex=\"Incremental\"\n", true},
@@ -190,7 +178,6 @@ TEST(IncrementalReindexSwitch, OnlyReindexIncrementalTurnsItOn) {
     std::ofstream(conf) << text;
     EXPECT_EQ(IncrementalReindexWanted(conf.c_str()), on) << text;
   }
-  fs::remove_all(dir);
 }
 
 // Every handler row must name the table its handler saves into, or its rows would never be

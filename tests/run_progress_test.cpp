@@ -38,6 +38,12 @@ class RunProgress : public ::testing::Test {
   const std::string batchFile_ = dir_.File("batch");
 };
 
+// Handles `path` as one file whose handling logs `messages`.
+void Handle(const char* path, std::initializer_list<const char*> messages, FileWorkKind kind = FileWorkKind::kIndex) {
+  FileWork work(path, kind);
+  for (const char* message : messages) ORVO_LOG("%s (%d) %s", message);
+}
+
 TEST_F(RunProgress, FirstMessageWhileAFileIsHandledIsItsReasonAndOnlyThen) {
   Begin("A:/v\na:/v/x.mp3\nd:/v/gone.mp3\nx:no newline");
   RunStatus begun = Status();
@@ -46,26 +52,11 @@ TEST_F(RunProgress, FirstMessageWhileAFileIsHandledIsItsReasonAndOnlyThen) {
   EXPECT_EQ(begun.run.linesDone, 0u);
 
   NoteQueueLine("A:/v\n");
-  {
-    FileWork work("/v/bad.mp3", FileWorkKind::kIndex);
-    ORVO_LOG("%s (%d) first");
-    ORVO_LOG("%s (%d) second");
-  }
-  {
-    FileWork work("/v/long/ok.mp3", FileWorkKind::kIndex);
-    ORVO_LOG("%s (%d) Impossible error.");  // the album cut short, the row saved
-  }
-  {
-    FileWork work("/v/no-comments.flac", FileWorkKind::kIndex);
-    ORVO_LOG("%s (%d) Can't get Flac comment tags: %s.", "/v/no-comments.flac");
-    ORVO_LOG("%s (%d) Failed to parse music metadata.");
-  }
-  {
-    FileWork work("/v/unsaved.flac", FileWorkKind::kIndex);
-    ORVO_LOG("%s (%d) Can't get Flac comment tags: %s.", "/v/unsaved.flac");
-    ORVO_LOG("%s (%d) Failed to parse music metadata.");
-    ORVO_LOG("%s (%d) Failed to save /v/unsaved.flac into music (disk full)");
-  }
+  Handle("/v/bad.mp3", {"first", "second"});
+  Handle("/v/long/ok.mp3", {"Impossible error."});  // the album cut short, the row saved
+  Handle("/v/no-comments.flac", {"Can't get Flac comment tags: /v/no-comments.flac.", "Failed to parse music metadata."});
+  Handle("/v/unsaved.flac", {"Can't get Flac comment tags: /v/unsaved.flac.", "Failed to parse music metadata.",
+                             "Failed to save /v/unsaved.flac into music (disk full)"});
   {
     FileWork work("/v/saved.mp3", FileWorkKind::kIndex);
     {
@@ -77,20 +68,14 @@ TEST_F(RunProgress, FirstMessageWhileAFileIsHandledIsItsReasonAndOnlyThen) {
   }
   {
     FileWork outer("/v/outer.mp3", FileWorkKind::kIndex);
-    FileWork inner("/v/inner.mp3", FileWorkKind::kIndex);
-    ORVO_LOG("%s (%d) nested");
+    Handle("/v/inner.mp3", {"nested"});
   }
   ORVO_LOG("%s (%d) between files");
   NoteQueueLine("a:/v/x.mp3\n");
-  for (const char* which : {"media", "photo"}) {  // one file's two rows
-    FileWork work("/v/x.mp3", FileWorkKind::kIndex);
-    ORVO_LOG("%s (%d) %s row failed", which);
-  }
+  Handle("/v/x.mp3", {"media row failed"});  // one file's two rows
+  Handle("/v/x.mp3", {"photo row failed"});
   NoteQueueLine("d:/v/gone.mp3\n");
-  {
-    FileWork work("/v/gone.mp3", FileWorkKind::kRemove);
-    ORVO_LOG("%s (%d) File exists. Skip remove it from database.");
-  }
+  Handle("/v/gone.mp3", {"File exists. Skip remove it from database."}, FileWorkKind::kRemove);
   NoteQueueLine("x:no newline");
   NoteQueueLine("a piece of a long line\n");
   EndBatchProgress();

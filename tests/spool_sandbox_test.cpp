@@ -1,9 +1,7 @@
 // The spool through the real daemon: what is not a regular file, a database that is locked during a run, a
 // writer that keeps the queue open across a take-over, and the order of sync, delete and SIGHUP.
 #include <fcntl.h>
-#include <libpq-fe.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -152,39 +150,7 @@ TEST_F(QueueWriters, WriterStillWritingPastTheWaitIsFollowedAtLaterTicks) {
 }
 
 // A database locked by another program for longer than the daemon waits for a lock, on both backends.
-class DatabaseOutage : public SandboxDatabaseTest {
- protected:
-  void TearDown() override {
-    StopStartedDaemon();
-    Unlock();
-    SandboxDatabaseTest::TearDown();
-  }
-  // Another program takes the tables the queue lines write: SQLite's write lock, or PostgreSQL table locks.
-  void Lock() {
-    if (IsPostgres()) {
-      pg_ = PQconnectdb(Location(OrvoDatabase::kMedia).c_str());
-      ASSERT_EQ(PQstatus(pg_), CONNECTION_OK) << PQerrorMessage(pg_);
-      for (const char* sql : {"begin", "lock table directory, music in access exclusive mode"}) {
-        PGresult* r = PQexec(pg_, sql);
-        EXPECT_EQ(PQresultStatus(r), PGRES_COMMAND_OK) << PQresultErrorMessage(r);
-        PQclear(r);
-      }
-    } else {
-      ASSERT_EQ(sqlite3_open(Location(OrvoDatabase::kMedia).substr(7).c_str(), &lite_), SQLITE_OK);
-      ASSERT_EQ(sqlite3_exec(lite_, "begin exclusive", nullptr, nullptr, nullptr), SQLITE_OK);
-    }
-  }
-  void Unlock() {
-    if (pg_ != nullptr) PQclear(PQexec(pg_, "commit")), PQfinish(pg_);
-    if (lite_ != nullptr) sqlite3_exec(lite_, "commit", nullptr, nullptr, nullptr), sqlite3_close(lite_);
-    pg_ = nullptr;
-    lite_ = nullptr;
-  }
-  std::string Folders() { return QueryElsewhere(OrvoDatabase::kMedia, "select count(*) from directory"); }
-
-  PGconn* pg_ = nullptr;
-  sqlite3* lite_ = nullptr;
-};
+using DatabaseOutage = SandboxDatabaseTest;
 
 // Rows of a batch failed while the database was locked, and the batch was deleted anyway.
 TEST_P(DatabaseOutage, LockedDatabaseLosesNoLineAndEachRetryLogsOneLine) {
@@ -193,7 +159,7 @@ TEST_P(DatabaseOutage, LockedDatabaseLosesNoLineAndEachRetryLogsOneLine) {
     fs::create_directories("/volume1/music/d" + std::to_string(i));
     ASSERT_TRUE(AppendQueueLine("a:/volume1/music/d" + std::to_string(i)));
   }
-  Lock();
+  LockMediaTables("directory, music");
   ASSERT_TRUE(SignalDaemon());
   ASSERT_TRUE(WaitForLog("database is not available", 60s));
   EXPECT_TRUE(fs::exists(kBatchFile)) << "kept until its writes are done";
@@ -205,9 +171,9 @@ TEST_P(DatabaseOutage, LockedDatabaseLosesNoLineAndEachRetryLogsOneLine) {
   EXPECT_GE(SandboxLogCount("database is"), 3);
   EXPECT_TRUE(fs::exists(kBatchFile) && fs::exists(kQueueFile));
   EXPECT_EQ(SandboxHupCount(), 1) << "nothing finished, nothing to tell the music server";
-  Unlock();
+  UnlockMediaTables();
   ASSERT_TRUE(WaitForHups(3, 120s)) << "the batch, then the queue that waited";
-  EXPECT_EQ(Folders(), "41");
+  EXPECT_EQ(QueryElsewhere(OrvoDatabase::kMedia, "select count(*) from directory"), "41");
   EXPECT_FALSE(fs::exists(kBatchFile) || fs::exists(kQueueFile));
   const int retries = SandboxLogCount("database is");
   EXPECT_EQ(DaemonLogCount(), retries) << "one line per run that could not finish, none per row";

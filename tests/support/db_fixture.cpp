@@ -1,6 +1,7 @@
 #include "support/db_fixture.h"
 
 #include <libpq-fe.h>
+#include <sqlite3.h>
 
 #include "platform/db_backend.h"
 #include "support/sandbox.h"
@@ -88,6 +89,7 @@ void DatabaseTest::SetUp() {
 }
 
 void DatabaseTest::TearDown() {
+  UnlockMediaTables();
   ORVODBFlush();
   ORVODBCloseAll();
   if (claim_ != nullptr) {
@@ -111,6 +113,23 @@ std::string DatabaseTest::QueryElsewhere(OrvoDatabase which, const std::string& 
   std::string out = Scalar(conn, sql);
   PQfinish(conn);
   return out;
+}
+
+void DatabaseTest::LockMediaTables(const std::string& tables) {
+  if (IsPostgres()) {
+    pgLock_ = Connect(media_);
+    ASSERT_EQ(Scalar(pgLock_, "begin; lock table " + tables + " in access exclusive mode"), "");
+  } else {
+    ASSERT_EQ(sqlite3_open(media_.c_str() + 7, &sqliteLock_), SQLITE_OK);  // after "sqlite:"
+    ASSERT_EQ(sqlite3_exec(sqliteLock_, "begin exclusive", nullptr, nullptr, nullptr), SQLITE_OK);
+  }
+}
+
+void DatabaseTest::UnlockMediaTables() {
+  if (pgLock_ != nullptr) Scalar(pgLock_, "commit"), PQfinish(pgLock_);
+  if (sqliteLock_ != nullptr) sqlite3_exec(sqliteLock_, "commit", nullptr, nullptr, nullptr), sqlite3_close(sqliteLock_);
+  pgLock_ = nullptr;
+  sqliteLock_ = nullptr;
 }
 
 std::string QueryAll(OrvoDatabase which, const std::string& sql) {

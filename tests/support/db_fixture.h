@@ -14,6 +14,7 @@
 
 namespace fs = std::filesystem;
 struct pg_conn;
+struct sqlite3;
 
 namespace orvo::test {
 
@@ -33,9 +34,16 @@ class DatabaseTest : public ::testing::TestWithParam<std::string> {
   // The first field of `sql`'s first row ("" if none, the error on failure) on a connection of its own.
   std::string QueryElsewhere(OrvoDatabase which, const std::string& sql) const;
 
+  // Another program's lock on media `tables` ("music, directory"; SQLite: the whole file's write lock),
+  // held until UnlockMediaTables or TearDown.
+  void LockMediaTables(const std::string& tables);
+  void UnlockMediaTables();
+
  private:
   std::string tempDir_, media_, photo_, savedMedia_, savedPhoto_;
   ::pg_conn* claim_ = nullptr;  // holds the advisory lock on the pair
+  ::pg_conn* pgLock_ = nullptr;
+  ::sqlite3* sqliteLock_ = nullptr;
   bool hadMedia_ = false, hadPhoto_ = false;
 };
 

@@ -1,30 +1,12 @@
-// A strict JSON reader for checking what the client prints for programs:
-// the whole text must be one value, strings valid UTF-8 without raw control
-// characters.
+// What the client prints for programs, parsed strictly: valid UTF-8, no raw control characters,
+// nothing after the one value; a discarded value otherwise.
 #pragma once
 
-#include <map>
-#include <optional>
-#include <string>
+#include <nlohmann/json.hpp>
 #include <string_view>
-#include <vector>
 
 namespace orvo::test {
 
-struct JsonValue {
-  enum class Kind { kNull, kBool, kNumber, kString, kArray, kObject };
-  Kind kind = Kind::kNull;
-  bool boolean = false;
-  double number = 0;
-  std::string text;
-  std::vector<JsonValue> items;
-  std::map<std::string, JsonValue> members;
-
-  bool IsNull() const { return kind == Kind::kNull; }
-  // The member `key` of an object; a null value when there is none.
-  const JsonValue& operator[](const std::string& key) const;
-};
-
-std::optional<JsonValue> ParseJson(std::string_view text);
+inline nlohmann::json ParseJson(std::string_view text) { return nlohmann::json::parse(text, nullptr, false); }
 
 }  // namespace orvo::test

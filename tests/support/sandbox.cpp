@@ -11,8 +11,6 @@
 #include <iterator>
 #include <thread>
 
-extern char** environ;
-
 namespace orvo::test {
 
 namespace {
@@ -36,46 +34,27 @@ int ReadNumber(const std::string& path) {
   return std::ifstream(path) >> n ? n : 0;
 }
 
-bool HasVariable(const std::vector<std::string>& env, std::string_view name) {
-  return std::any_of(env.begin(), env.end(), [&](auto& e) { return e.starts_with(name) && e[name.size()] == '='; });
-}
-
-// The current environment with `extra` ("NAME=value") added or replacing.
-std::vector<std::string> MergedEnvironment(std::vector<std::string> extra) {
+// Forks and runs args[0] (from PATH) with `extraEnv` ("NAME=value") added or replacing; output to
+// `outFd`, input /dev/null, when given.
+pid_t Spawn(std::vector<std::string> args, std::vector<std::string> extraEnv, int outFd = -1) {
   // ASan refuses a preloaded library (the fast clock) ahead of its runtime unless told it is fine.
-  if (HasVariable(extra, "LD_PRELOAD") && !HasVariable(extra, "ASAN_OPTIONS")) {
-    std::string options = EnvOr("ASAN_OPTIONS", "");
-    extra.push_back("ASAN_OPTIONS=" + (options.empty() ? "" : options + ":") + "verify_asan_link_order=0");
-  }
-  std::vector<std::string> env;
-  for (char** e = environ; *e != nullptr; ++e) {
-    std::string_view entry = *e;
-    if (!HasVariable(extra, entry.substr(0, entry.find('=')))) env.emplace_back(entry);
-  }
-  env.insert(env.end(), extra.begin(), extra.end());
-  return env;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& strings) {
-  std::vector<char*> p;
-  for (auto& s : strings) p.push_back(s.data());
-  p.push_back(nullptr);
-  return p;
-}
-
-// Forks and runs args[0] (from PATH) with `extraEnv`; output to `outFd`, input /dev/null, when given.
-pid_t Spawn(std::vector<std::string> args, const std::vector<std::string>& extraEnv, int outFd = -1) {
-  std::vector<std::string> env = MergedEnvironment(extraEnv);
+  auto set = [&](std::string_view name) {
+    return std::any_of(extraEnv.begin(), extraEnv.end(), [&](auto& e) { return e.starts_with(std::string(name) + "="); });
+  };
+  if (const std::string options = EnvOr("ASAN_OPTIONS", ""); set("LD_PRELOAD") && !set("ASAN_OPTIONS"))
+    extraEnv.push_back("ASAN_OPTIONS=" + options + (options.empty() ? "" : ":") + "verify_asan_link_order=0");
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
   pid_t child = fork();
   if (child != 0) return child;
+  for (auto& e : extraEnv) putenv(e.data());
   if (outFd >= 0) {
     dup2(outFd, 1), dup2(outFd, 2);
     int devnull = open("/dev/null", O_RDONLY);
     if (devnull >= 0) dup2(devnull, 0);
   }
-  auto a = Pointers(args);
-  auto e = Pointers(env);
-  execvpe(a[0], a.data(), e.data());
+  execvp(argv[0], argv.data());
   _exit(127);
 }
 
