@@ -527,15 +527,17 @@ bool ReadOggMemory(const uint8_t* data, size_t size, OggValues* values) {
 bool ReadOggValues(int fd, int64_t length, MediaInfo* info) {
   if (length < 27) return false;
   int64_t tail_at = length > kMaxPageSize ? length - kMaxPageSize : 0;
-  // A file that fits in the first read is read once, its end with it.
-  size_t want = length <= static_cast<int64_t>(kHeadFirstRead) + kMaxPageSize ? static_cast<size_t>(length)
-                                                                             : kHeadFirstRead;
-  bool whole = want == static_cast<size_t>(length);
-  if (!whole) AdviseWillRead(fd, tail_at, kMaxPageSize);
+  // A file little longer than the first read is read whole, its end with it.
+  bool whole = length <= static_cast<int64_t>(kHeadFirstRead) + kMaxPageSize;
+  size_t want = whole ? static_cast<size_t>(length) : kHeadFirstRead;
+  size_t first = std::min(want, kHeadFirstRead);
   auto head = std::make_unique_for_overwrite<uint8_t[]>(want);
-  if (!ReadAt(fd, head.get(), want, 0) || memcmp(head.get(), "OggS", 4) != 0) return false;
+  // Any other file the generic handlers see costs this one read.
+  if (!ReadAt(fd, head.get(), first, 0) || memcmp(head.get(), "OggS", 4) != 0) return false;
   std::unique_ptr<uint8_t[]> tail;
-  if (!whole) {
+  if (whole) {
+    if (!ReadAt(fd, head.get() + first, want - first, static_cast<int64_t>(first))) return false;
+  } else {
     tail = std::make_unique_for_overwrite<uint8_t[]>(kMaxPageSize);
     if (!ReadAt(fd, tail.get(), kMaxPageSize, tail_at)) return false;
   }
@@ -557,6 +559,8 @@ bool ReadOggValues(const char* path, MediaInfo* info) {
   int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) return false;
   struct stat st;
+  // As the probe's caller advises its descriptor: a few reads at known places.
+  AdviseFewReads(fd);
   bool read = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && ReadOggValues(fd, st.st_size, info);
   close(fd);
   return read;

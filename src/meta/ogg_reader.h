@@ -40,7 +40,8 @@ bool ReadOggMemory(const uint8_t* data, size_t size, OggValues* values);
 // Fills the fields the probe fills (duration, both bit rates, rate,
 // channels, title, artist, album, year, genre, track) and returns true; or
 // returns false having changed nothing. `fd` is the open regular file,
-// `length` its size; it is read by position only.
+// `length` its size; it is read by position only. Any file that does not
+// start with a page costs one read of 16 KiB.
 bool ReadOggValues(int fd, int64_t length, MediaInfo* info);
 // The same for a file named by its path (tests and benchmarks).
 bool ReadOggValues(const char* path, MediaInfo* info);
