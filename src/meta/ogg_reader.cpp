@@ -342,6 +342,7 @@ Walk WalkHead(const uint8_t* data, size_t size, int64_t length, Head* head) {
     const uint8_t* body = page.body;
     for (int i = 0; i < page.segments; ++i) {
       uint8_t lace = page.lacing[i];
+      // The first audio packet starts a page, right after the page the last header ends.
       if (packets == headers && headers > 0 && packet.empty() && (i != 0 || open)) return Walk::kRefused;
       packet.append(reinterpret_cast<const char*>(body), lace);
       body += lace;
@@ -375,7 +376,7 @@ Walk WalkHead(const uint8_t* data, size_t size, int64_t length, Head* head) {
       ++packets;
       packet.clear();
     }
-    // Header pages end no stream; the last header ends its page.
+    // No stream ends before its first audio packet.
     if ((page.flags & kLastPage) != 0) return Walk::kRefused;
     open = page.lacing[page.segments - 1] == 255;
     at += page.size;
