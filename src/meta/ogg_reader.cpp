@@ -12,6 +12,10 @@
 #include <memory>
 #include <string_view>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 #include "meta/metamedia.h"
 #include "platform/read_advice.h"
 #include "platform/text_encoding.h"
@@ -39,8 +43,8 @@ uint32_t Le32(const uint8_t* p) {
 uint64_t Le64(const uint8_t* p) { return Le32(p) | uint64_t{Le32(p + 4)} << 32; }
 
 // The page checksum: CRC-32 of polynomial 0x04C11DB7, high bit first, from
-// 0, not inverted. Eight tables take eight bytes a step: the end scan
-// checks up to 64 KiB a file.
+// 0, not inverted. The end scan checks up to 64 KiB a file, so it is worth
+// speed: eight tables take eight bytes a step.
 struct CrcTables {
   uint32_t t[8][256];
 };
@@ -58,7 +62,7 @@ constexpr CrcTables MakeCrcTables() {
 }
 constexpr CrcTables kCrc = MakeCrcTables();
 
-uint32_t Crc(uint32_t crc, const uint8_t* p, size_t n) {
+uint32_t CrcByTables(uint32_t crc, const uint8_t* p, size_t n) {
   const auto& t = kCrc.t;
   for (; n >= 8; p += 8, n -= 8) {
     uint32_t a = crc ^ (uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3]);
@@ -67,6 +71,43 @@ uint32_t Crc(uint32_t crc, const uint8_t* p, size_t n) {
   }
   for (; n > 0; ++p, --n) crc = (crc << 8) ^ t[0][(crc >> 24) ^ *p];
   return crc;
+}
+
+#if defined(__x86_64__)
+// x^n modulo the polynomial.
+constexpr uint64_t PowerOfX(int n) {
+  uint64_t r = 1;
+  for (int i = 0; i < n; ++i) r = (r << 1) & 0x100000000u ? (r << 1) ^ 0x104C11DB7u : r << 1;
+  return r;
+}
+
+// The same sixteen bytes a step, where the processor multiplies without
+// carries (four to five times the tables' rate): the crc goes into the first
+// 128 bits, each further 128 bits are added to the two halves so far times
+// x^192 and x^128, and the 128 bits left and the last bytes go through the
+// tables. Bytes are reversed so that the first is the highest power.
+__attribute__((target("pclmul,ssse3"))) uint32_t CrcByFolding(uint32_t crc, const uint8_t* p, size_t n) {
+  const __m128i reverse = _mm_set_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+  constexpr uint64_t k192 = PowerOfX(192), k128 = PowerOfX(128);
+  const __m128i k = _mm_set_epi64x(static_cast<long long>(k192), static_cast<long long>(k128));
+  __m128i x = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), reverse);
+  x = _mm_xor_si128(x, _mm_set_epi32(static_cast<int>(crc), 0, 0, 0));
+  for (p += 16, n -= 16; n >= 16; p += 16, n -= 16) {
+    __m128i next = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), reverse);
+    x = _mm_xor_si128(_mm_xor_si128(_mm_clmulepi64_si128(x, k, 0x11), _mm_clmulepi64_si128(x, k, 0x00)), next);
+  }
+  alignas(16) uint8_t folded[16];
+  _mm_store_si128(reinterpret_cast<__m128i*>(folded), _mm_shuffle_epi8(x, reverse));
+  return CrcByTables(CrcByTables(0, folded, 16), p, n);
+}
+#endif
+
+uint32_t Crc(uint32_t crc, const uint8_t* p, size_t n) {
+#if defined(__x86_64__)
+  static const bool folding = __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("ssse3");
+  if (folding && n >= 32) return CrcByFolding(crc, p, n);
+#endif
+  return CrcByTables(crc, p, n);
 }
 
 struct Page {
