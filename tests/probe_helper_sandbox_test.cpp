@@ -49,9 +49,11 @@ bool WaitGone(pid_t pid) {
 class ProbeHelperSandbox : public DaemonSandboxTest {
  protected:
   void Start(const std::vector<std::string>& env) { ASSERT_GT(pid_ = StartOnQueue({}, env), 0); }
-  std::string Ogg(const std::string& path, const std::string& title) {
+  // A one-second song titled `title`: Ogg Vorbis, or 16-bit PCM in a .wav.
+  std::string Song(const std::string& path, const std::string& title) {
     fs::create_directories(fs::path(path).parent_path());
-    EXPECT_TRUE(Ffmpeg(kSine + "-c:a libvorbis -metadata title=" + title + " '" + path + "'"));
+    std::string codec = path.ends_with(".wav") ? "pcm_s16le" : "libvorbis";
+    EXPECT_TRUE(Ffmpeg(kSine + "-c:a " + codec + " -metadata title=" + title + " '" + path + "'"));
     return path;
   }
 };
@@ -63,10 +65,12 @@ TEST_F(ProbeHelperSandbox, CrashAndHangCostOneFileEachAndTheRunGoesOn) {
   fs::create_directories(folder);
   std::ofstream(folder + "/crash.ogg") << "ORVO-TEST-CRASH";
   std::ofstream(folder + "/hang.ogg") << "ORVO-TEST-HANG";
-  Ogg(folder + "/after crash.ogg", "AfterCrash");
-  Ogg(folder + "/after hang.ogg", "AfterHang");
+  // WAV after the faults: the helper reads it (plain Ogg Vorbis no longer reaches the helper).
+  Song(folder + "/after crash.wav", "AfterCrash");
+  Song(folder + "/after hang.wav", "AfterHang");
   std::vector<std::string> lines;
-  for (const char* name : {"crash", "after crash", "hang", "after hang"}) lines.push_back("a:" + folder + "/" + name + ".ogg");
+  for (const char* name : {"crash.ogg", "after crash.wav", "hang.ogg", "after hang.wav"})
+    lines.push_back("a:" + folder + "/" + name);
   ASSERT_TRUE(RunLines(lines));
 
   EXPECT_EQ(QuerySqlite(kMediaDbFile, "select title, frequency, channels from music order by path"),
@@ -93,7 +97,7 @@ TEST_F(ProbeHelperSandbox, CrashAndHangCostOneFileEachAndTheRunGoesOn) {
 TEST_F(ProbeHelperSandbox, ScriptsAndManifestsReachNoOtherFile) {
   Start({});
   const std::string folder = "/volume1/video/crafted", outside = "/var/lib/orvo-outside/outside.mp4";
-  Ogg(folder + "/beside.ogg", "Beside");
+  Song(folder + "/beside.ogg", "Beside");
   ASSERT_EQ(mkfifo((folder + "/pipe.ogg").c_str(), 0644), 0);
   fs::create_directories(fs::path(outside).parent_path());
   ASSERT_TRUE(Ffmpeg(kSine + "-c:a aac -metadata title=Outside " + outside));

@@ -32,10 +32,11 @@ class ProbeHelper : public ::testing::Test {
     return info;
   }
 
-  // A one-second Ogg whose stream carries the title `title`.
-  std::string TaggedOgg(const std::string& relative, const std::string& title) {
+  // A one-second WAV titled `title`, a file the probe reads in the helper (plain Ogg Vorbis no longer
+  // reaches it).
+  std::string TaggedWav(const std::string& relative, const std::string& title) {
     std::string path = dir_.File(relative);
-    EXPECT_TRUE(Ffmpeg(kSine + "-c:a libvorbis -metadata title=" + title + " " + path));
+    EXPECT_TRUE(Ffmpeg(kSine + "-c:a pcm_s16le -metadata title=" + title + " " + path));
     return path;
   }
 
@@ -59,7 +60,7 @@ TEST_F(ProbeHelper, FifoDeviceAndFolderAreRefusedUnread) {
 // A reply of the wrong size gets the helper stopped; the late real reply is never taken for the next file's.
 TEST_F(ProbeHelper, NonsenseReplyStopsTheHelperAndTheNextFileGetsItsOwnReply) {
   REQUIRE_FFMPEG();
-  std::string nonsense = dir_.File("music/nonsense.ogg"), next = TaggedOgg("music/next.ogg", "Next");
+  std::string nonsense = dir_.File("music/nonsense.ogg"), next = TaggedWav("music/next.wav", "Next");
   std::ofstream(nonsense) << "ORVO-TEST-NONSENSE";
   orvo::test::LogCapture log;
   MediaInfo m = Probe(nonsense, -1);
@@ -73,9 +74,10 @@ TEST_F(ProbeHelper, NonsenseReplyStopsTheHelperAndTheNextFileGetsItsOwnReply) {
 // One helper serves every file; one that died while idle is replaced and the file is still read.
 TEST_F(ProbeHelper, HelperKilledWhileIdleIsReplacedWithoutLosingTheFile) {
   REQUIRE_FFMPEG();
-  std::string song = TaggedOgg("music/song.ogg", "Song");
+  std::string song = TaggedWav("music/song.wav", "Song");
   Probe(song, 0);
   const pid_t first = ProbeHelperPid();
+  ASSERT_GT(first, 0) << "the song must go to the helper";  // kill(0) would end the test's own group
   Probe(song, 0);
   ASSERT_EQ(ProbeHelperPid(), first);
   char comm[64] = {};
@@ -94,7 +96,7 @@ TEST_F(ProbeHelper, HelperKilledWhileIdleIsReplacedWithoutLosingTheFile) {
 // Only the probe's own fields come back: a path or size in the reply never replaces the caller's.
 TEST_F(ProbeHelper, ReplyTouchesOnlyTheProbedFields) {
   REQUIRE_FFMPEG();
-  std::string song = TaggedOgg("music/fields.ogg", "Fields");
+  std::string song = TaggedWav("music/fields.wav", "Fields");
   MediaInfo info;
   memset(&info, 0x5A, sizeof info);
   snprintf(info.path, sizeof info.path, "%s", song.c_str());

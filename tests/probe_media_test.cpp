@@ -10,6 +10,7 @@
 #include "meta/metavideo.h"
 #include "meta/mp4_reader.h"
 #include "meta/mp4_video.h"
+#include "meta/ogg_reader.h"
 #include "meta/probe_tuning.h"
 #include "platform/orvodb.h"
 
@@ -229,6 +230,75 @@ std::string WithImplicitSbr(const TempDir& dir, const std::string& mp4) {
   return copy;
 }
 
+// A comment header's list: the vendor, the count, each comment behind its length (little-endian).
+std::string CommentList(const std::string& vendor, const std::vector<std::string>& comments) {
+  auto le = [](size_t v) { return std::string{char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; };
+  std::string list = le(vendor.size()) + vendor + le(comments.size());
+  for (const auto& c : comments) list += le(c.size()) + c;
+  return list;
+}
+
+// Sets the checksum of the Ogg page `page` (CRC-32, polynomial 0x04C11DB7, high bit first, from 0).
+void SetPageChecksum(std::string* page) {
+  for (int k = 0; k < 4; ++k) (*page)[22 + k] = 0;
+  uint32_t crc = 0;
+  for (unsigned char c : *page) {
+    crc ^= uint32_t{c} << 24;
+    for (int k = 0; k < 8; ++k) crc = crc & 0x80000000u ? crc << 1 ^ 0x04C11DB7u : crc << 1;
+  }
+  for (int k = 0; k < 4; ++k) (*page)[22 + k] = char(crc >> (8 * k));
+}
+
+// A copy of an Ogg file whose audio pages' granule positions are all moved by `shift`: a stream that starts
+// later, or earlier, than its first packets say.
+std::string WithGranulesMoved(const TempDir& dir, const std::string& ogg, int64_t shift, const std::string& name) {
+  std::string bytes = ReadBytes(ogg), out;
+  for (size_t at = 0; at + 27 <= bytes.size() && bytes.compare(at, 4, "OggS") == 0;) {
+    size_t size = 27 + uint8_t(bytes[at + 26]);
+    for (size_t i = 0; i < uint8_t(bytes[at + 26]); ++i) size += uint8_t(bytes[at + 27 + i]);
+    std::string page = bytes.substr(at, size);
+    int64_t granule = 0;
+    for (int k = 7; k >= 0; --k) granule = granule << 8 | uint8_t(page[6 + k]);
+    if (granule > 0) {
+      for (int k = 0; k < 8; ++k) page[6 + k] = char(uint64_t(granule + shift) >> (8 * k));
+      SetPageChecksum(&page);
+    }
+    out += page;
+    at += size;
+  }
+  std::string copy = dir.File("ogg/" + name);
+  WriteBytes(copy, out);
+  return copy;
+}
+
+// A copy of an ffmpeg-made Ogg Vorbis or Opus file whose second page (the comment header, and Vorbis's
+// setup header after it) is made again with `comment` as the comment header packet.
+std::string WithCommentPacket(const TempDir& dir, const std::string& ogg, const std::string& comment,
+                              const std::string& name) {
+  std::string bytes = ReadBytes(ogg);
+  size_t at = bytes.find("OggS", 4);
+  if (at == std::string::npos || at + 27 > bytes.size()) return "";
+  size_t segments = uint8_t(bytes[at + 26]), body = at + 27 + segments, size = 0;
+  std::vector<std::string> packets(1);
+  for (size_t i = 0; i < segments; ++i) {
+    size_t lace = uint8_t(bytes[at + 27 + i]);
+    packets.back() += bytes.substr(body + size, lace);
+    size += lace;
+    if (lace < 255 && i + 1 < segments) packets.emplace_back();
+  }
+  packets[0] = comment;
+  std::string lacing, data;
+  for (const auto& p : packets) {
+    lacing += std::string(p.size() / 255, '\xff') + char(p.size() % 255);
+    data += p;
+  }
+  std::string page = bytes.substr(at, 22) + std::string(4, '\0') + char(lacing.size()) + lacing + data;
+  SetPageChecksum(&page);
+  std::string copy = dir.File("ogg/" + name);
+  WriteBytes(copy, bytes.substr(0, at) + page + bytes.substr(body + size));
+  return copy;
+}
+
 // Each container and codec of the generic handlers (bench/gen-corpus's and more: several streams,
 // multichannel, VBR, cover pictures, H.264 in every layout the picture size is read from, compressed
 // audio stored as PCM), a few seconds long and a few longer ones.
@@ -371,6 +441,43 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
       {"s16.wav", "-map 1 -ac 2 -c:a pcm_s16le"},
       {"vorbis.ogg", "-map 1 -c:a libvorbis -q:a 3"},
       {"wmav2.wma", "-map 1 -c:a wmav2"}}, files));
+  // Ogg Vorbis and Opus for the page reader: qualities, rates, channel counts, a comment over several pages.
+  ASSERT_TRUE(FfmpegMany(dir, "ogg", audio_in, {
+      {"q0-mono-8k.ogg", "-map 1 -ac 1 -ar 8000 -c:a libvorbis -q:a 0"},
+      {"q6-22k.ogg", "-map 0 -ar 22050 -c:a libvorbis -q:a 6"},
+      {"q10-6ch.ogg", "-map 0 -ac 6 -c:a libvorbis -q:a 10"},
+      {"96k.ogg", "-map 0 -ar 96000 -c:a libvorbis"},
+      {"opus-mono.ogg", "-map 1 -ac 1 -ar 16000 -c:a libopus -b:a 24k"},  // 48 kHz all the same
+      {"long-comment.ogg", "-map 1 -c:a libvorbis -metadata title=T -metadata comment=" + std::string(70000, 'x')}},
+      files));
+  // Comments the way other writers leave them: repeated names in other cases (values joined, the entry moved
+  // to the end and the last one into its place, which puts "track" before TRACKNUMBER, renamed "track" after
+  // it), non-ASCII and NUL bytes, empty names and values, no '=', and for Vorbis a last comment that runs
+  // into the framing byte (dropped). Then an empty list, and a vendor length past the end (no tags at all).
+  const std::vector<std::string> comments = {
+      "Comment=1", "TRACKNUMBER=7", "track=9", "COMMENT=2", "TITLE=Tune", "title=Again", "ARTIST=B\xc3\xa4nd \xe2\x98\x83",
+      "Date=1999-12-31", "GENRE=", "=x", "ALBUM", std::string("genre=Ja\0zz", 11), "Album=First", "ALBUM=Second"};
+  std::string vorbis = dir.File("ogg/q6-22k.ogg"), opus = dir.File("ogg/opus-mono.ogg");
+  std::vector<std::string> framed = comments;
+  framed.push_back("album=Lost\x01");  // its last byte is the packet's framing byte
+  files->push_back(WithCommentPacket(dir, vorbis, "\x03vorbis" + CommentList("v", framed), "tags.ogg"));
+  files->push_back(WithCommentPacket(dir, opus, "OpusTags" + CommentList("v", comments), "tags-opus.ogg"));
+  files->push_back(WithCommentPacket(dir, vorbis, "\x03vorbis" + CommentList("", {}) + "\x01", "no-comments.ogg"));
+  files->push_back(WithCommentPacket(dir, opus, "OpusTags\xff\0\0\0", "bad-vendor-opus.ogg"));
+  // Streams whose first page says they start later (Vorbis takes that start off its duration, Opus does not)
+  // or before their first sample (taken as 0).
+  files->push_back(WithGranulesMoved(dir, vorbis, 100000, "starts-late.ogg"));
+  files->push_back(WithGranulesMoved(dir, vorbis, -500, "starts-early.ogg"));
+  files->push_back(WithGranulesMoved(dir, opus, 100000, "starts-late-opus.ogg"));
+  // The end cut off inside a page (the granule position before it counts), and the last page damaged.
+  std::string whole = ReadBytes(dir.File("ogg/q6-22k.ogg"));
+  files->push_back(dir.File("ogg/truncated.ogg"));
+  WriteBytes(files->back(), whole.substr(0, whole.size() - 700));
+  files->push_back(dir.File("ogg/bad-checksum-end.ogg"));
+  WriteBytes(files->back(), whole.substr(0, whole.size() - 9) + char(whole[whole.size() - 9] ^ 1) + whole.substr(whole.size() - 8));
+  // Two streams one after the other.
+  files->push_back(dir.File("ogg/chained.ogg"));
+  WriteBytes(files->back(), ReadBytes(dir.File("ogg/q0-mono-8k.ogg")) + ReadBytes(opus));
 }
 
 // The tuned probe leaves out only analysis that cannot change a stored value: every field of every
@@ -385,14 +492,28 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
   orvo::test::LogCapture quiet;
   std::set<std::string> served;
   for (const auto& f : files) {
-    MediaInfo tuned, plain, boxes;
+    MediaInfo tuned, plain, boxes, pages;
     memset(&tuned, 0, sizeof tuned);
     memset(&plain, 0, sizeof plain);
     memset(&boxes, 0, sizeof boxes);
+    memset(&pages, 0, sizeof pages);
     EXPECT_EQ(ReadMediaInfo(f.c_str(), &tuned, ProbeMode::kTuned),
               ReadMediaInfo(f.c_str(), &plain, ProbeMode::kLibraryDefaults)) << f;
     EXPECT_EQ(memcmp(&tuned, &plain, sizeof tuned), 0) << f << "\n" << Stored(tuned) << "\n" << Stored(plain);
     if (ReadMp4VideoValues(f.c_str(), &boxes)) served.insert(f.substr(f.rfind('/', f.rfind('/') - 1) + 1));
+    if (ReadOggValues(f.c_str(), &pages)) served.insert(f.substr(f.rfind('/', f.rfind('/') - 1) + 1));
+  }
+  // Nor would it about the Ogg page reader; the files it cannot vouch for must go to the probe.
+  for (const char* name : {"misc-audio/lowercase-fields.ogg", "a/cover.ogg", "a/flac.ogg", "a/speex.ogg",
+                           "v/theora.ogg", "ogg/bad-checksum-end.ogg", "ogg/chained.ogg"})
+    EXPECT_EQ(served.count(name), 0u) << name << " did not go to the probe";
+  if (HaveFfmpeg()) {
+    for (const char* name : {"a/vbr.ogg", "a/6ch.ogg", "a/opus.ogg", "a/opus-6ch.ogg", "long/vorbis.ogg",
+                             "ogg/q0-mono-8k.ogg", "ogg/q6-22k.ogg", "ogg/q10-6ch.ogg", "ogg/96k.ogg",
+                             "ogg/opus-mono.ogg", "ogg/long-comment.ogg", "ogg/tags.ogg", "ogg/tags-opus.ogg",
+                             "ogg/no-comments.ogg", "ogg/bad-vendor-opus.ogg", "ogg/truncated.ogg", "ogg/starts-late.ogg",
+                             "ogg/starts-early.ogg", "ogg/starts-late-opus.ogg"})
+      EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";
   }
   // The box path must really serve the plain layouts, or the comparison above proves nothing about it.
   if (HaveFfmpeg()) {

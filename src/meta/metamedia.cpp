@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -20,6 +19,7 @@ extern "C" {
 
 #include "meta/descriptor_input.h"
 #include "meta/mp4_video.h"
+#include "meta/ogg_reader.h"
 #include "meta/probe_helper.h"
 #include "meta/probe_tuning.h"
 #include "platform/log.h"
@@ -84,13 +84,6 @@ const char* Tag(const AVDictionary* dict, const char* key) {
   return e != nullptr ? e->value : nullptr;
 }
 
-const char* FirstTag(const AVDictionary* dict, std::initializer_list<const char*> keys) {
-  for (const char* key : keys) {
-    if (const char* value = Tag(dict, key)) return value;
-  }
-  return nullptr;
-}
-
 // The names FFmpeg 5.1's demuxers give the tags of the generic extensions'
 // containers (matched without case), first name found wins:
 //
@@ -112,15 +105,7 @@ const char* FirstTag(const AVDictionary* dict, std::initializer_list<const char*
 // MPEG program and transport streams, AC-3 and raw audio have none of their
 // own; a leading ID3v2 tag on any of them is read as ID3 above.
 ContainerTags TagsOf(const AVDictionary* dict) {
-  ContainerTags t;
-  t.title = Tag(dict, "title");
-  t.artist = FirstTag(dict, {"artist", "author"});
-  t.album = FirstTag(dict, {"album", "product"});
-  t.date = FirstTag(dict, {"date", "year", "WM/Year"});
-  t.track = Tag(dict, "track");
-  if (t.track == nullptr && (t.track = Tag(dict, "WM/Track")) != nullptr) t.track_from_zero = true;
-  t.genre = Tag(dict, "genre");
-  return t;
+  return ContainerTagsFrom([dict](const char* key) { return Tag(dict, key); });
 }
 
 bool HasAny(const ContainerTags& t) {
@@ -336,8 +321,10 @@ int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
   // The advice holds for the open file, so the helper's reads through this
   // descriptor read no more than libavformat asks for.
   AdviseFewReads(fd);
-  // MP4 and QuickTime video our box reader can vouch for never reach the probe.
-  if (mode == ProbeMode::kTuned && ReadMp4VideoValues(fd, path, st.st_size, info)) {
+  // MP4 and QuickTime video our box reader can vouch for, and Ogg Vorbis and
+  // Opus our page reader can, never reach the probe.
+  if (mode == ProbeMode::kTuned &&
+      (ReadMp4VideoValues(fd, path, st.st_size, info) || ReadOggValues(fd, st.st_size, info))) {
     close(fd);
     return 0;
   }

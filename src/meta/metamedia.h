@@ -6,6 +6,7 @@
 
 #include <dlfcn.h>
 
+#include <initializer_list>
 #include <memory>
 
 extern "C" {
@@ -95,6 +96,27 @@ struct ContainerTags {
   bool track_from_zero = false;  // `track` is WM/Track
 };
 ContainerTags GetContainerTags(const AVFormatContext* ctx);
+
+// The same names over any tag lookup: `tag(name)` gives the value of the
+// first tag called `name` (matched without case), or null. One list for the
+// probe's dictionaries and for readers that keep the tags themselves.
+template <typename Lookup>
+ContainerTags ContainerTagsFrom(Lookup tag) {
+  ContainerTags t;
+  auto first = [&tag](std::initializer_list<const char*> keys) -> const char* {
+    for (const char* key : keys)
+      if (const char* value = tag(key)) return value;
+    return nullptr;
+  };
+  t.title = tag("title");
+  t.artist = first({"artist", "author"});
+  t.album = first({"album", "product"});
+  t.date = first({"date", "year", "WM/Year"});
+  t.track = tag("track");
+  if (t.track == nullptr && (t.track = tag("WM/Track")) != nullptr) t.track_from_zero = true;
+  t.genre = tag("genre");
+  return t;
+}
 
 // The track number the record takes: atoi of the track text ("3/12" is 3),
 // plus one for a number counted from 0; 0 when there is none.
