@@ -1,6 +1,8 @@
 #include "meta/probe_tuning.h"
 
 #include <dlfcn.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -17,6 +19,7 @@ extern "C" {
 
 #include "meta/h264_sps.h"
 #include "meta/metamedia.h"
+#include "meta/program_stream.h"
 
 namespace {
 
@@ -263,6 +266,116 @@ const std::string& DecodersButH264(const TuningLibrary& lib) {
   return list;
 }
 
+// The analysis of an MPEG program stream reads until its packets reach the
+// size limit or a stream has 7 s analysed (about 3 MB of a DVD); given
+// 0.8 s it reads what gives every stream's parameters and enough frames for
+// the frame-rate guess. The part between is scanned (meta/program_stream)
+// for anything that could change a stored value there, and the short
+// analysis's values are checked against what the scan found.
+constexpr int64_t kHeadAnalysis = 800000;  // µs
+constexpr int64_t kMappedBeyondLimit = 8 << 20;  // bytes of headers, padding and what parsers hold
+
+// Owner of a read-only mapping of a file's head.
+struct Mapping {
+  void* at = MAP_FAILED;
+  size_t size = 0;
+  Mapping() = default;
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+  ~Mapping() {
+    if (at != MAP_FAILED) munmap(at, size);
+  }
+};
+
+// The head of the input the analysis would read: mapped from `fd` (the
+// probe helper may map files: its filter refuses only executable mappings),
+// or, for an input without one, read through it and put back.
+bool ReadHead(const TuningLibrary& lib, AVFormatContext* ctx, int fd, Mapping* map, std::vector<uint8_t>* copy,
+              const uint8_t** data, size_t* size, bool* whole) {
+  const int64_t want = ctx->probesize + kMappedBeyondLimit;
+  if (fd >= 0) {
+    // The helper's filter allows lseek, not fstat; libavformat reads with pread.
+    const off_t file = lseek(fd, 0, SEEK_END);
+    if (file <= 0) return false;
+    map->size = static_cast<size_t>(std::min<int64_t>(file, want));
+    map->at = mmap(nullptr, map->size, PROT_READ, MAP_PRIVATE, fd, 0);
+    if (map->at == MAP_FAILED) return false;
+    *data = static_cast<const uint8_t*>(map->at);
+    *size = map->size;
+    *whole = static_cast<int64_t>(map->size) == file;
+    return true;
+  }
+  AVIOContext* pb = ctx->pb;
+  int64_t at = pb != nullptr ? lib.seek(pb, 0, SEEK_CUR) : -1;
+  int64_t file = pb != nullptr ? lib.size(pb) : -1;
+  if (at < 0 || file <= 0 || lib.seek(pb, 0, SEEK_SET) != 0) return false;
+  copy->resize(static_cast<size_t>(std::min(file, want)));
+  int got = lib.read(pb, copy->data(), static_cast<int>(copy->size()));
+  if (lib.seek(pb, at, SEEK_SET) != at || got != static_cast<int>(copy->size())) return false;
+  *data = copy->data();
+  *size = copy->size();
+  *whole = static_cast<int64_t>(copy->size()) == file;
+  return true;
+}
+
+// True when the short analysis found each stream the scan found, in its
+// order, with the values the scan says the whole window gives.
+bool HeadAgrees(const AVFormatContext* ctx, const PsScan& scan) {
+  if (static_cast<int>(ctx->nb_streams) != scan.count) return false;
+  for (int i = 0; i < scan.count; ++i) {
+    const AVStream* st = ctx->streams[i];
+    const AVCodecParameters* par = st->codecpar;
+    const PsStream& want = scan.streams[i];
+    if (st->id != want.id) return false;
+    switch (want.kind) {
+      case PsKind::kNavigation:
+        if (par->codec_id != AV_CODEC_ID_DVD_NAV) return false;
+        continue;
+      case PsKind::kVideo: {
+        // With the sequence header taken as extradata every stream counts
+        // as known to the analysis, whose limit is then 5 s, not 7.
+        if (par->codec_id != (want.mpeg2 ? AV_CODEC_ID_MPEG2VIDEO : AV_CODEC_ID_MPEG1VIDEO) || par->width <= 0 ||
+            par->height <= 0 || par->extradata_size <= 0)
+          return false;
+        int num = 0, den = 0;
+        if (want.step > 0) PsStepRate(want.step, &num, &den);
+        if (want.step > 0 && (st->r_frame_rate.num != num || st->r_frame_rate.den != den)) return false;
+        break;
+      }
+      case PsKind::kMpegAudio:
+      case PsKind::kAc3: {
+        static const AVCodecID kLayers[4] = {AV_CODEC_ID_AC3, AV_CODEC_ID_MP1, AV_CODEC_ID_MP2, AV_CODEC_ID_MP3};
+        if (par->codec_id != kLayers[want.layer] || par->sample_rate != want.sample_rate ||
+            par->ch_layout.nb_channels != want.channels || par->bit_rate != want.bit_rate)
+          return false;
+        break;
+      }
+    }
+    // Each stream's start is its first time stamp, which the head holds.
+    if (st->start_time == AV_NOPTS_VALUE) return false;
+  }
+  return true;
+}
+
+// The tuned analysis of an input the "mpeg" demuxer opened.
+Analysis AnalyseProgramStream(const TuningLibrary& lib, AVFormatContext* ctx, int fd) {
+  const AvLibrary* av = LoadAv();
+  Mapping map;
+  std::vector<uint8_t> copy;
+  const uint8_t* data = nullptr;
+  size_t size = 0;
+  bool whole = false;
+  bool bounded = ReadHead(lib, ctx, fd, &map, &copy, &data, &size, &whole);
+  PsScan scan{};
+  if (bounded) scan = ScanProgramStream(data, size, whole, ctx->probesize);
+  if (!bounded || scan.doubt != PsDoubt::kNone) return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
+  const int64_t limit = ctx->max_analyze_duration;
+  ctx->max_analyze_duration = kHeadAnalysis;
+  bool known = av->findStreamInfo(ctx, nullptr) >= 0;
+  ctx->max_analyze_duration = limit;
+  return known && HeadAgrees(ctx, scan) ? Analysis::kKnown : Analysis::kOpenAgainUntuned;
+}
+
 }  // namespace
 
 // True when the sequence parameter set in the stream's codec configuration
@@ -315,10 +428,11 @@ H264Decoder H264DecoderNeed(const AVFormatContext* ctx) {
   return avi ? H264Decoder::kCheckedAfter : H264Decoder::kRedundant;
 }
 
-Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode) {
+Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode, int fd) {
   const AvLibrary* av = LoadAv();
   const TuningLibrary* lib = mode == ProbeMode::kTuned ? LoadTuning() : nullptr;
   H264Decoder decoder = H264Decoder::kNeeded;
+  if (lib != nullptr && Named(ctx, "mpeg")) return AnalyseProgramStream(*lib, ctx, fd);
   if (lib != nullptr) {
     if (HeaderSettlesEverything(*lib, ctx)) {
       CompleteTimings(*lib, ctx);

@@ -26,7 +26,9 @@ enum class Analysis {
 // The stream analysis for an input opened through LoadAv(), before any packet
 // was read from it. With ProbeMode::kLibraryDefaults it is
 // avformat_find_stream_info unchanged, known when that returns 0 or more.
-Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode);
+// `fd`, when not -1, is the descriptor the input reads: an MPEG program
+// stream's head is then mapped from it rather than read through the input.
+Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode, int fd = -1);
 
 // What the tuned analysis of an opened input needs the H.264 decoder for.
 enum class H264Decoder {
