@@ -11,6 +11,7 @@
 #include "meta/mp4_reader.h"
 #include "meta/mp4_video.h"
 #include "meta/probe_tuning.h"
+#include "meta/program_stream.h"
 #include "platform/orvodb.h"
 
 using namespace formats_test;
@@ -229,6 +230,42 @@ std::string WithImplicitSbr(const TempDir& dir, const std::string& mp4) {
   return copy;
 }
 
+// MPEG program streams for the short analysis, under "ps/": plain ones it must serve, and ones whose difference
+// lies after its 0.8 s but inside what the full analysis reads (5 s), made by joining two 2 s and 3 s pieces,
+// by a stream that starts at 2 s, or by a DVD subtitle packet put in at 40 % of the file.
+void MakeProgramStreams(const TempDir& dir, std::vector<std::string>* files) {
+  ASSERT_TRUE(FfmpegMany(dir, "ps", "-f lavfi -i testsrc=d=6:s=352x288:r=25 -f lavfi -i sine=d=6:sample_rate=48000 "
+                         "-itsoffset 2 -f lavfi -i sine=d=3:f=220:sample_rate=48000", {
+      {"plain.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2"}, {"plain.vob", "-map 0 -map 1 -c:v mpeg2video -c:a ac3"},
+      {"mpeg1.mpg", "-map 0 -map 1 -c:v mpeg1video -c:a mp2 -f mpeg"}, {"vcd.mpg", "-map 0 -map 1 -target pal-vcd"},
+      {"dvd.vob", "-map 0 -map 1 -target pal-dvd"}, {"video-only.mpg", "-map 0 -c:v mpeg2video"},
+      {"second-audio-late.mpg", "-map 0 -map 1 -map 2 -c:v mpeg2video -c:a mp2"},
+      {"audio-late.vob", "-map 0 -map 2 -c:v mpeg2video -c:a ac3"}}, files));
+  const char* pieces[][4] = {{"bit-rate-change.mpg", "-c:a mp2 -b:a 192k", "-c:a mp2 -b:a 128k", "mpeg"},
+                             {"channels-change.vob", "-c:a ac3 -ac 2", "-c:a ac3 -ac 6", "vob"},
+                             {"size-change.mpg", "-c:a mp2", "-c:a mp2 -vf scale=176:144", "mpeg"}};
+  for (const auto& p : pieces) {
+    std::string list;
+    for (int i : {1, 2}) {
+      std::string piece = dir.File("ps/piece" + std::to_string(i) + "-" + p[0]);
+      ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=d=" + std::to_string(i + 1) + ":s=352x288:r=25 -f lavfi -i sine=d=3:"
+                         "sample_rate=48000 -shortest -c:v mpeg2video " + p[i] + " -f " + p[3] + " '" + piece + "'"));
+      list += "file '" + piece + "'\n";
+    }
+    WriteBytes(dir.File("ps/list.txt"), list);
+    files->push_back(dir.File(std::string("ps/") + p[0]));
+    ASSERT_TRUE(Ffmpeg("-f concat -safe 0 -i '" + dir.File("ps/list.txt") + "' -c copy -f " + p[3] + " '" +
+                       files->back() + "'"));
+  }
+  std::string vob = ReadBytes(dir.File("ps/plain.vob"));
+  size_t at = vob.find(std::string("\0\0\1\xba", 4), vob.size() * 2 / 5);
+  ASSERT_NE(at, std::string::npos);
+  const std::string pack("\0\0\1\xba\x44\0\4\0\4\1\1\x89\xc3\xf8", 14);
+  const std::string subtitle = std::string("\0\0\1\xbd\0\x19\x81\x80\5\x21\0\1\0\1\x20", 16) + std::string(16, '\0');
+  files->push_back(dir.File("ps/subtitle-late.vob"));
+  WriteBytes(files->back(), vob.substr(0, at) + pack + subtitle + vob.substr(at));
+}
+
 // Each container and codec of the generic handlers (bench/gen-corpus's and more: several streams,
 // multichannel, VBR, cover pictures, H.264 in every layout the picture size is read from, compressed
 // audio stored as PCM), a few seconds long and a few longer ones.
@@ -381,6 +418,7 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
     for (const auto& f : CorpusFiles(folder)) files.push_back(f);
   TempDir dir;
   if (HaveFfmpeg()) MakeGeneratedSet(dir, &files);
+  if (HaveFfmpeg()) MakeProgramStreams(dir, &files);
   if (files.empty()) GTEST_SKIP() << "neither the corpus nor ffmpeg";
   orvo::test::LogCapture quiet;
   std::set<std::string> served;
@@ -432,6 +470,19 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
       EXPECT_EQ(tuned_analysis(name, &need), Analysis::kKnown) << name;
       EXPECT_EQ(need, H264Decoder::kNeeded) << name;
     }
+    // MPEG program streams: the plain ones get the short analysis; in the others the scan of the full
+    // analysis's part finds the difference, or the short analysis's values disagree with the scan's.
+    auto program_stream = [&](const char* name) {
+      std::string bytes = ReadBytes(dir.File(name));
+      PsScan scan = ScanProgramStream(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), true, 5000000);
+      return scan.doubt != PsDoubt::kNone ? Analysis::kUnknown : tuned_analysis(name, &need);
+    };
+    for (const char* name : {"ps/plain.mpg", "ps/plain.vob", "ps/mpeg1.mpg", "ps/vcd.mpg", "ps/dvd.vob",
+                             "ps/video-only.mpg", "long/mpeg2.mpg"})
+      EXPECT_EQ(program_stream(name), Analysis::kKnown) << name << " was not served by the short analysis";
+    for (const char* name : {"ps/second-audio-late.mpg", "ps/audio-late.vob", "ps/bit-rate-change.mpg",
+                             "ps/channels-change.vob", "ps/size-change.mpg", "ps/subtitle-late.vob"})
+      EXPECT_NE(program_stream(name), Analysis::kKnown) << name << " took the short analysis";
     // The decoder, not the headers, gives this file's rate and channels.
     MediaInfo sbr;
     memset(&sbr, 0, sizeof sbr);
