@@ -14,7 +14,9 @@ namespace {
 constexpr int64_t kSyncReach = 100000;      // bytes the demuxer searches for a start code per call
 constexpr int64_t kLagSlack = 1 << 20;      // payload read past the limit: what parsers may still hold
 constexpr int64_t kLargestFrame = kLagSlack - 65536;
-constexpr int kMinStamps = 41;              // video time stamps the analysis surely reads
+constexpr int kMinStamps = 24;              // video time stamps the analysis surely reads: above its 20
+constexpr int64_t kMinPeriod = 181;         // the analysis's frame-rate rule needs more than 180 ticks
+constexpr int64_t kMaxPeriod = 3754;        // 24 frames a second: those frames last about 1 s
 // µs: the analysis's limit once every stream is known (its parameters, 20
 // frame times of MPEG-2 video, the sequence header as extradata), which the
 // probe checks on the short analysis; before that it is 7 s.
@@ -360,12 +362,18 @@ bool SameSequences(const uint8_t* data, const Joined& video, PsStream* out) {
     }
   }
   if (first_size == 0 || first_has_extension < 0) return false;
-  // Frame rates of the table only, without an MPEG-2 extension's factors:
-  // the analysis's frame durations then stay near the time stamps' steps.
-  if ((first[3] & 0xf) < 1 || (first[3] & 0xf) > 8 || (first_has_extension && (first_extension[5] & 0x7f) != 0))
-    return false;
+  // The frame rate the parser sets: the table's, times the extension's factors.
+  static const int32_t kRates[9][2] = {{0, 1},  {24000, 1001}, {24, 1}, {25, 1},   {30000, 1001},
+                                       {30, 1}, {50, 1},       {60000, 1001}, {60, 1}};
+  const int code = first[3] & 0xf;
+  if (code < 1 || code > 8) return false;
   out->mpeg2 = first_has_extension;
-  out->frame_rate_code = first[3] & 0xf;
+  out->frame_rate_num = kRates[code][0];
+  out->frame_rate_den = kRates[code][1];
+  if (first_has_extension) {
+    out->frame_rate_num *= ((first_extension[5] >> 5) & 3) + 1;
+    out->frame_rate_den *= (first_extension[5] & 0x1f) + 1;
+  }
   return true;
 }
 
@@ -700,11 +708,12 @@ void Scanner::Conclude(int64_t, bool by_size) {
       // frames without a time stamp of their own get times on the same grid
       // as the stamped ones; the period must be a whole number of ticks,
       // every step between stamps a multiple of it and one step that period
-      // itself, and enough stamps must lie where the analysis surely reads.
+      // itself, and enough stamps (more than the analysis's 20) must lie where
+      // it surely reads, so that it counts them all.
       if (s.mpeg2) {
-        static const int64_t kPeriods[9] = {0, 0, 3750, 3600, 3003, 3000, 1800, 0, 1500};
-        const int64_t period = kPeriods[s.frame_rate_code];
-        if (period == 0 || t.times.size() < 6) return Doubt(PsDoubt::kVideoTimes);
+        const int64_t ticks = int64_t{90000} * s.frame_rate_den;
+        const int64_t period = ticks % s.frame_rate_num == 0 ? ticks / s.frame_rate_num : 0;
+        if (period < kMinPeriod || period > kMaxPeriod || t.times.size() < 6) return Doubt(PsDoubt::kVideoTimes);
         bool one_period = false;
         for (size_t i = 1; i < t.times.size(); ++i) {
           const int64_t step = t.times[i] - t.times[i - 1];

@@ -46,8 +46,9 @@ struct PsStream {
   int32_t channels;
   int64_t bit_rate;
   // Video: the sequence headers (all alike) and the time stamps.
-  int32_t mpeg2;            // 1 when the sequence headers carry the MPEG-2 extension
-  int32_t frame_rate_code;  // of the sequence header
+  int32_t mpeg2;           // 1 when the sequence headers carry the MPEG-2 extension
+  int32_t frame_rate_num;  // the frame rate they give
+  int32_t frame_rate_den;
   int64_t step;             // 90 kHz ticks between successive time stamps; 0 when not needed
   int32_t stamps;           // time stamps in the window
 };
