@@ -394,7 +394,11 @@ int64_t NextStartCode(const uint8_t* data, int64_t size, int64_t from) {
   // Bounded: each round moves on by kSyncReach, each hit by one byte.
   for (int64_t chunk = from; chunk < size; chunk += kSyncReach) {
     const int64_t limit = std::min(size, chunk + kSyncReach);
-    for (int64_t at = chunk + 2; at + 1 < limit;) {
+    int64_t at = chunk + 2;
+    // The next start code mostly follows within a pack header's few bytes.
+    for (const int64_t near = std::min(limit - 1, at + 32); at < near; ++at)
+      if (data[at] == 1 && data[at - 1] == 0 && data[at - 2] == 0) return at + 1;
+    while (at + 1 < limit) {
       const void* hit = memchr(data + at, 1, static_cast<size_t>(limit - 1 - at));
       if (hit == nullptr) break;
       const int64_t p = static_cast<const uint8_t*>(hit) - data;
