@@ -16,7 +16,7 @@ constexpr int64_t kLagSlack = 1 << 20;      // payload read past the limit: what
 constexpr int64_t kLargestFrame = kLagSlack - 65536;
 constexpr int kMinStamps = 24;              // video time stamps the analysis surely reads: above its 20
 constexpr int64_t kMinPeriod = 181;         // the analysis's frame-rate rule needs more than 180 ticks
-constexpr int64_t kMaxPeriod = 3754;        // 24 frames a second: those frames last about 1 s
+constexpr int64_t kMaxPeriod = 3754;        // 24 frames a second: 24 frames last 1 s
 // µs: the analysis's limit once every stream is known (its parameters, 20
 // frame times of MPEG-2 video, the sequence header as extradata), which the
 // probe checks on the short analysis; before that it is 7 s.
@@ -54,14 +54,6 @@ struct Joined {
       got += take;
     }
     return got;
-  }
-  // File offset of the joined payload's byte `offset` (its packet's end for the last byte).
-  int64_t FileOffset(int64_t offset) const {
-    auto it = std::upper_bound(pieces.begin(), pieces.end(), offset,
-                               [](int64_t o, const Piece& p) { return o < p.joined; });
-    if (it == pieces.begin()) return 0;
-    --it;
-    return it->at + (offset - it->joined);
   }
 };
 

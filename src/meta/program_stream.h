@@ -1,7 +1,8 @@
 // The head of an MPEG program stream (.mpg, .vob) as libavformat's "mpeg"
 // demuxer and its parsers read it. The library's stream analysis reads such
 // a file until its packets reach the analysis's size limit or a stream has
-// 7 s analysed; this scan walks that whole part (the window) pack by pack
+// 5 s analysed (7 s before every stream is known); this scan walks that
+// whole part (the window) pack by pack
 // and says whether anything in it could give the record another value than
 // its first second does: a stream that appears later, audio frames of
 // another rate, channel count or bit rate, video sequence headers that
