@@ -232,13 +232,14 @@ std::string WithImplicitSbr(const TempDir& dir, const std::string& mp4) {
 
 // MPEG program streams for the short analysis, under "ps/": plain ones it must serve, and ones whose difference
 // lies after its 0.8 s but inside what the full analysis reads (5 s), made by joining two 2 s and 3 s pieces,
-// by a stream that starts at 2 s, or by a DVD subtitle packet put in at 40 % of the file.
+// by a stream that starts at 2 s, or by a DVD subtitle packet put in at 40 % of the file (at 3 % it is served).
 void MakeProgramStreams(const TempDir& dir, std::vector<std::string>* files) {
   ASSERT_TRUE(FfmpegMany(dir, "ps", "-f lavfi -i testsrc=d=6:s=352x288:r=25 -f lavfi -i sine=d=6:sample_rate=48000 "
                          "-itsoffset 2 -f lavfi -i sine=d=3:f=220:sample_rate=48000", {
       {"plain.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2"}, {"plain.vob", "-map 0 -map 1 -c:v mpeg2video -c:a ac3"},
       {"mpeg1.mpg", "-map 0 -map 1 -c:v mpeg1video -c:a mp2 -f mpeg"}, {"vcd.mpg", "-map 0 -map 1 -target pal-vcd"},
       {"dvd.vob", "-map 0 -map 1 -target pal-dvd"}, {"video-only.mpg", "-map 0 -c:v mpeg2video"},
+      {"lpcm.vob", "-map 0 -map 1 -c:v mpeg2video -c:a pcm_dvd -ac 2"},
       {"second-audio-late.mpg", "-map 0 -map 1 -map 2 -c:v mpeg2video -c:a mp2"},
       {"audio-late.vob", "-map 0 -map 2 -c:v mpeg2video -c:a ac3"}}, files));
   const char* pieces[][4] = {{"bit-rate-change.mpg", "-c:a mp2 -b:a 192k", "-c:a mp2 -b:a 128k", "mpeg"},
@@ -257,13 +258,17 @@ void MakeProgramStreams(const TempDir& dir, std::vector<std::string>* files) {
     ASSERT_TRUE(Ffmpeg("-f concat -safe 0 -i '" + dir.File("ps/list.txt") + "' -c copy -f " + p[3] + " '" +
                        files->back() + "'"));
   }
+  // A pack holding one 16-byte DVD subtitle unit, put in at 3 % (in the short analysis's part) and at 40 %.
   std::string vob = ReadBytes(dir.File("ps/plain.vob"));
-  size_t at = vob.find(std::string("\0\0\1\xba", 4), vob.size() * 2 / 5);
-  ASSERT_NE(at, std::string::npos);
   const std::string pack("\0\0\1\xba\x44\0\4\0\4\1\1\x89\xc3\xf8", 14);
-  const std::string subtitle = std::string("\0\0\1\xbd\0\x19\x81\x80\5\x21\0\1\0\1\x20", 16) + std::string(16, '\0');
-  files->push_back(dir.File("ps/subtitle-late.vob"));
-  WriteBytes(files->back(), vob.substr(0, at) + pack + subtitle + vob.substr(at));
+  const std::string subtitle = std::string("\0\0\1\xbd\0\x19\x81\x80\5\x21\0\1\0\1\x20\0\x10", 17) +
+                               std::string(14, '\0');
+  for (auto [name, share] : {std::pair{"ps/subtitle-early.vob", 3}, {"ps/subtitle-late.vob", 40}}) {
+    size_t at = vob.find(std::string("\0\0\1\xba", 4), vob.size() * share / 100);
+    ASSERT_NE(at, std::string::npos);
+    files->push_back(dir.File(name));
+    WriteBytes(files->back(), vob.substr(0, at) + pack + subtitle + vob.substr(at));
+  }
 }
 
 // Each container and codec of the generic handlers (bench/gen-corpus's and more: several streams,
@@ -478,7 +483,7 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
       return scan.doubt != PsDoubt::kNone ? Analysis::kUnknown : tuned_analysis(name, &need);
     };
     for (const char* name : {"ps/plain.mpg", "ps/plain.vob", "ps/mpeg1.mpg", "ps/vcd.mpg", "ps/dvd.vob",
-                             "ps/video-only.mpg", "long/mpeg2.mpg"})
+                             "ps/video-only.mpg", "ps/lpcm.vob", "ps/subtitle-early.vob", "long/mpeg2.mpg"})
       EXPECT_EQ(program_stream(name), Analysis::kKnown) << name << " was not served by the short analysis";
     for (const char* name : {"ps/second-audio-late.mpg", "ps/audio-late.vob", "ps/bit-rate-change.mpg",
                              "ps/channels-change.vob", "ps/size-change.mpg", "ps/subtitle-late.vob"})

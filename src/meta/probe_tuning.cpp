@@ -331,6 +331,14 @@ bool HeadAgrees(const AVFormatContext* ctx, const PsScan& scan) {
       case PsKind::kNavigation:
         if (par->codec_id != AV_CODEC_ID_DVD_NAV) return false;
         continue;
+      case PsKind::kSubtitle:
+        if (par->codec_id != AV_CODEC_ID_DVD_SUBTITLE) return false;
+        break;
+      case PsKind::kLpcm:
+        // Its decoder reads the first packet's header and no parser follows.
+        if (par->codec_id != AV_CODEC_ID_PCM_DVD || par->sample_rate <= 0 || par->ch_layout.nb_channels <= 0)
+          return false;
+        break;
       case PsKind::kVideo: {
         // With the sequence header taken as extradata every stream counts
         // as known to the analysis, whose limit is then 5 s, not 7.

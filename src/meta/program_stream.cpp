@@ -22,6 +22,7 @@ constexpr int64_t kMaxPeriod = 3754;        // 24 frames a second: 24 frames las
 // probe checks on the short analysis; before that it is 7 s.
 constexpr int64_t kLongestAnalysis = 5000000;
 constexpr int64_t kSureAnalysis = 3000000;     // µs of audio the analysis surely reads (it stops at 5 s)
+constexpr int64_t kShortReach = 1000000;       // µs of audio after which the short analysis (0.8 s) has stopped
 constexpr int kFrameMargin = 4;             // audio frames whose duration may not count
 
 // A stream's payload as the demuxer hands it out, joined from the packets.
@@ -162,6 +163,7 @@ struct Track {
   AudioHeader first;
   int64_t sure_frames = 0;  // frames after which the analysis has surely read on
   int64_t last_frames = 0;  // frames after which it has surely stopped
+  int64_t late_frames = 0;  // frames after which the short analysis has stopped
   // Video: the time stamps and where each packet carrying one starts.
   std::vector<int64_t> times;
   std::vector<int64_t> stamp_at;      // file offset of the packet
@@ -200,6 +202,7 @@ bool FollowFrames(const uint8_t* data, Track* t) {
           t->next += static_cast<int64_t>(i);
           t->sure_frames = FramesFor(h, kSureAnalysis);
           t->last_frames = FramesFor(h, kLongestAnalysis);
+          t->late_frames = FramesFor(h, kShortReach);
           break;
         }
       }
@@ -445,7 +448,7 @@ struct Scanner {
 
   // A packet of `id` with `len` payload bytes at `at`: the stream the
   // demuxer makes of it, or null when it skips it (ended set on doubt).
-  Track* StreamFor(int32_t id) {
+  Track* StreamFor(int32_t id, bool pcm_dvd) {
     if (Track* t = Find(id)) return t;
     PsKind kind;
     if (id >= 0x1e0 && id <= 0x1ef) {
@@ -456,12 +459,22 @@ struct Scanner {
       kind = PsKind::kMpegAudio;
     } else if ((id >= 0x80 && id <= 0x87) || (id >= 0xc0 && id <= 0xcf)) {
       kind = PsKind::kAc3;
-    } else if ((id >= 0x88 && id <= 0x8f) || (id >= 0x98 && id <= 0xbf) || (id >= 0x20 && id <= 0x3f) ||
-               (id >= 0xfd55 && id <= 0xfd5f)) {
+    } else if (id >= 0xa0 && id <= 0xaf && pcm_dvd) {
+      kind = PsKind::kLpcm;
+    } else if (id >= 0x20 && id <= 0x3f) {
+      kind = PsKind::kSubtitle;
+    } else if ((id >= 0x88 && id <= 0x8f) || (id >= 0x98 && id <= 0xbf) || (id >= 0xfd55 && id <= 0xfd5f)) {
       Doubt(PsDoubt::kStreamKind);
       return nullptr;
     } else {
       return nullptr;
+    }
+    // A stream the short analysis cannot have met would only cost it a second, full analysis.
+    for (const Track& t : tracks) {
+      if (t.synced && t.frames >= t.late_frames) {
+        Doubt(PsDoubt::kLateStream);
+        return nullptr;
+      }
     }
     if (tracks.size() >= kPsMaxStreams) {
       Doubt(PsDoubt::kTooManyStreams);
@@ -633,17 +646,22 @@ int64_t Scanner::OnePacket(int64_t pos) {
     }
   }
   if (len < 0) return last_sync;
+  bool pcm_dvd = false;
   if (code >= 0x80 && code <= 0xcf) {
     if (len < 4) return at + len;
     if (!raw_ac3) {
       at += 3;
       len -= 3;
       if (code >= 0xb0 && code <= 0xbf) ++at, --len;
+      if (code >= 0xa0 && code <= 0xaf) {
+        if (!have(3)) return OutOfData(), -1;
+        pcm_dvd = data[at + 2] == 0x80;  // the LPCM header's third byte, as the demuxer tests it
+      }
     }
   }
   // Seen as a time stamp only when the stream's packet carries one.
   const bool is_new = Find(code) == nullptr;
-  Track* t = StreamFor(code);
+  Track* t = StreamFor(code, pcm_dvd);
   if (ended) return -1;
   if (t == nullptr) return at + len;
   if (is_new && t->out.kind == PsKind::kVideo && !have(8)) return OutOfData(), -1;  // the demuxer peeks at 8 bytes

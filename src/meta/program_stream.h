@@ -22,7 +22,8 @@ enum class PsDoubt : int32_t {
   kNone,
   kHeaderTag,        // "IMKH" or "Sofdec" at the start: the demuxer picks other codecs
   kStreamMap,        // a program stream map names the codecs
-  kStreamKind,       // a stream of a kind not checked here (LPCM, DTS, TrueHD, subtitles, ...)
+  kStreamKind,       // a stream of a kind not checked here (DTS, TrueHD, MLP, VC-1, ...)
+  kLateStream,       // a stream that first appears where the short analysis may not reach
   kTooManyStreams,   // more than kPsMaxStreams
   kAudioFrames,      // an audio frame header missing where the last one ends, or unlike the first
   kSequenceHeaders,  // MPEG video sequence headers unlike the first
@@ -36,6 +37,8 @@ enum class PsKind : int32_t {
   kMpegAudio,   // MPEG audio layers 1-3 (0x1C0-0x1DF)
   kAc3,         // AC-3 in private stream 1 (sub-stream ids 0x80-0x87, 0xC0-0xCF)
   kNavigation,  // DVD navigation packets (private stream 2)
+  kLpcm,        // DVD LPCM (0xA0-0xAF): its decoder takes every value from the first packet
+  kSubtitle,    // DVD subtitles (0x20-0x3F): no value of its own, but it ends the record's stream loop
 };
 
 struct PsStream {
