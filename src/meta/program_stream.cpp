@@ -546,9 +546,9 @@ int64_t Scanner::OnePacket(int64_t pos) {
       }
       sofdec = -1;
       dvd = DvdNavigation(block, len);
-      if (!dvd) return at + 2 + len;
-    } else if (!dvd) {
-      return at + 2 + len;
+      // Not a DVD's: the demuxer then skips these packets, but an analysis
+      // that met none yet would test the first one the end scan meets.
+      if (!dvd) return Doubt(PsDoubt::kStreamKind), -1;
     }
   }
   if (!((code >= 0x1c0 && code <= 0x1df) || (code >= 0x1e0 && code <= 0x1ef) || code == 0x1bd || code == 0x1bf ||
