@@ -378,7 +378,7 @@ Analysis AnalyseProgramStream(const TuningLibrary& lib, AVFormatContext* ctx, in
   if (bounded) scan = ScanProgramStream(data, size, whole, ctx->probesize);
   if (!bounded || scan.doubt != PsDoubt::kNone) return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
   const int64_t limit = ctx->max_analyze_duration;
-  ctx->max_analyze_duration = kHeadAnalysis;
+  ctx->max_analyze_duration = scan.short_analysis > 0 ? scan.short_analysis : kHeadAnalysis;
   bool known = av->findStreamInfo(ctx, nullptr) >= 0;
   ctx->max_analyze_duration = limit;
   return known && HeadAgrees(ctx, scan) ? Analysis::kKnown : Analysis::kOpenAgainUntuned;

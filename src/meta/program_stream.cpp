@@ -24,6 +24,7 @@ constexpr int64_t kLongestAnalysis = 5000000;
 constexpr int64_t kSureAnalysis = 3000000;     // µs of audio the analysis surely reads (it stops at 5 s)
 constexpr int64_t kShortReach = 1000000;       // µs of audio after which the short analysis (0.8 s) has stopped
 constexpr int kFrameMargin = 4;             // audio frames whose duration may not count
+constexpr size_t kForeseenFrames = 24;      // audio frames whose ends the short analysis's limit is chosen by
 
 // A stream's payload as the demuxer hands it out, joined from the packets.
 struct Piece {
@@ -40,6 +41,13 @@ struct Joined {
     if (length <= 0) return;
     pieces.push_back({at, length, size});
     size += length;
+  }
+  // File offset of the payload piece holding byte `offset`: where the packet
+  // that completes what ends there was read.
+  int64_t PieceAt(int64_t offset) const {
+    auto it = std::upper_bound(pieces.begin(), pieces.end(), offset,
+                               [](int64_t o, const Piece& p) { return o < p.joined; });
+    return it == pieces.begin() || offset >= size ? INT64_MAX : (it - 1)->at;
   }
   // Copies up to n bytes from `offset` of the joined payload; the count copied.
   size_t Gather(const uint8_t* data, int64_t offset, uint8_t* out, size_t n) const {
@@ -164,6 +172,8 @@ struct Track {
   int64_t sure_frames = 0;  // frames after which the analysis has surely read on
   int64_t last_frames = 0;  // frames after which it has surely stopped
   int64_t late_frames = 0;  // frames after which the short analysis has stopped
+  std::vector<int64_t> ends;  // joined offsets where the first frames end
+  int64_t first_at = -1;      // file offset of the stream's first packet
   // Video: the time stamps and where each packet carrying one starts.
   std::vector<int64_t> times;
   std::vector<int64_t> stamp_at;      // file offset of the packet
@@ -218,6 +228,7 @@ bool FollowFrames(const uint8_t* data, Track* t) {
     if (!(mpeg ? DecodeMpegAudio(head, &h) : DecodeAc3(head, &h)) || h.other_codec || !(h == t->first)) return false;
     t->next += h.frame_size;
     ++t->frames;
+    if (t->ends.size() < kForeseenFrames) t->ends.push_back(t->next);
   }
   return true;
 }
@@ -488,6 +499,7 @@ struct Scanner {
 
   // One packet handed out: payload [at, at + len) of `t`, its time stamp.
   void Packet(Track* t, int64_t start, int64_t at, int64_t len, int64_t dts) {
+    if (t->first_at < 0) t->first_at = start;
     t->payload.Add(at, len);
     payload += len;
     if (t->out.kind == PsKind::kVideo && dts >= 0) {
@@ -508,7 +520,70 @@ struct Scanner {
   int64_t Run(int64_t probesize);
   int64_t OnePacket(int64_t pos);
   void Conclude(int64_t probesize, bool by_size);
+  int64_t StopFor(int64_t limit) const;
+  int64_t ShortAnalysis() const;
 };
+
+// Where (the file offset of the packet) an analysis limited to `limit` µs
+// stops: at the packet of a stream whose frames after its second add up to
+// the limit, counted as the parsers give them; INT64_MAX when not foreseen.
+int64_t Scanner::StopFor(int64_t limit) const {
+  int64_t stop = INT64_MAX;
+  for (const Track& t : tracks) {
+    if (t.out.kind == PsKind::kMpegAudio || t.out.kind == PsKind::kAc3) {
+      const int64_t ticks = int64_t{t.first.samples} * 90000 / t.first.sample_rate;
+      // Bounded by the frames kept.
+      for (size_t j = 2; j < t.ends.size(); ++j) {
+        if ((static_cast<int64_t>(j) - 2) * ticks * 100 / 9 < limit) continue;
+        stop = std::min(stop, t.payload.PieceAt(t.ends[j] - 1));
+        break;
+      }
+    } else if (t.out.kind == PsKind::kVideo) {
+      // Frame j is handed out when frame j + 1 starts: every frame a stamp.
+      const int64_t ticks = int64_t{90000} * t.out.frame_rate_den / std::max(1, t.out.frame_rate_num);
+      for (size_t j = 2; j + 1 < t.stamp_at.size(); ++j) {
+        if ((static_cast<int64_t>(j) - 2) * ticks * 100 / 9 < limit) continue;
+        stop = std::min(stop, t.stamp_at[j + 1]);
+        break;
+      }
+    }
+  }
+  return stop;
+}
+
+// The smallest of a few limits at which the analysis is foreseen to stop
+// after every stream has handed out a frame; 0 when none is. With fewer
+// than 16 frame times the analysis guesses MPEG-2's frame rate from a table
+// of rates by how evenly the times fit, which mostly, not always, gives the
+// sequence header's rate; the short analysis's values are checked after it
+// all the same: a wrong guess costs a second analysis, never a value.
+int64_t Scanner::ShortAnalysis() const {
+  static const int64_t kLimits[] = {1, 40000, 80000, 120000, 200000, 300000};
+  for (const Track& t : tracks) {
+    if (t.out.kind == PsKind::kSubtitle) return 0;  // its parser may hold a unit back
+    if (t.out.kind != PsKind::kVideo) continue;
+    // The first frames must each carry a stamp, one frame period apart.
+    if (t.times.size() < 6) return 0;
+    for (size_t i = 1; i < 6; ++i)
+      if (t.times[i] - t.times[i - 1] != int64_t{90000} * t.out.frame_rate_den / t.out.frame_rate_num) return 0;
+  }
+  for (int64_t limit : kLimits) {
+    const int64_t stop = StopFor(limit);
+    if (stop == INT64_MAX) continue;
+    bool fits = true;
+    for (const Track& t : tracks) {
+      fits = fits && t.first_at < stop;
+      if (t.out.kind == PsKind::kMpegAudio || t.out.kind == PsKind::kAc3) {
+        fits = fits && !t.ends.empty() && t.payload.PieceAt(t.ends[0] - 1) < stop;
+      } else if (t.out.kind == PsKind::kVideo) {
+        int64_t starts = std::count_if(t.stamp_at.begin(), t.stamp_at.end(), [stop](int64_t at) { return at < stop; });
+        fits = fits && starts >= 2;
+      }
+    }
+    if (fits) return limit;
+  }
+  return 0;
+}
 
 // Reads from `pos` to the end of the next packet the demuxer hands out (or
 // skips); returns where the demuxer goes on, or -1 at the end of the data.
@@ -753,6 +828,7 @@ void Scanner::Conclude(int64_t, bool by_size) {
   }
   scan.count = static_cast<int32_t>(tracks.size());
   for (size_t i = 0; i < tracks.size(); ++i) scan.streams[i] = tracks[i].out;
+  scan.short_analysis = ShortAnalysis();
 }
 
 }  // namespace

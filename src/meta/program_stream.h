@@ -64,6 +64,11 @@ struct PsScan {
   int32_t count;  // streams, in the order the demuxer makes them
   PsStream streams[kPsMaxStreams];
   int64_t window_end;  // file offset where the window ended
+  // µs the short analysis may be given (its max_analyze_duration) so that it
+  // stops after every stream's first frame and, for MPEG-2 video, before a
+  // third frame time (the analysis then takes the sequence header's frame
+  // rate); 0 when no such limit is foreseen and 0.8 s serves instead.
+  int64_t short_analysis;
 };
 
 // Scans the first `size` bytes of a file (`whole` when that is the file)
