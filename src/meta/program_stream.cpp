@@ -559,14 +559,8 @@ int64_t Scanner::StopFor(int64_t limit) const {
 // all the same: a wrong guess costs a second analysis, never a value.
 int64_t Scanner::ShortAnalysis() const {
   static const int64_t kLimits[] = {1, 40000, 80000, 120000, 200000, 300000};
-  for (const Track& t : tracks) {
+  for (const Track& t : tracks)
     if (t.out.kind == PsKind::kSubtitle) return 0;  // its parser may hold a unit back
-    if (t.out.kind != PsKind::kVideo) continue;
-    // The first frames must each carry a stamp, one frame period apart.
-    if (t.times.size() < 6) return 0;
-    for (size_t i = 1; i < 6; ++i)
-      if (t.times[i] - t.times[i - 1] != int64_t{90000} * t.out.frame_rate_den / t.out.frame_rate_num) return 0;
-  }
   for (int64_t limit : kLimits) {
     const int64_t stop = StopFor(limit);
     if (stop == INT64_MAX) continue;
