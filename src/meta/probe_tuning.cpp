@@ -1,6 +1,7 @@
 #include "meta/probe_tuning.h"
 
 #include <dlfcn.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -267,9 +268,9 @@ const std::string& DecodersButH264(const TuningLibrary& lib) {
 }
 
 // The analysis of an MPEG program stream reads until its packets reach the
-// size limit or a stream has 7 s analysed (about 3 MB of a DVD); given
-// 0.8 s it reads what gives every stream's parameters and enough frames for
-// the frame-rate guess. The part between is scanned (meta/program_stream)
+// size limit or a stream has 5 s analysed (about 3 MB of a DVD); given the
+// short limit the scan foresees (or 0.8 s) it reads what gives every
+// stream's parameters. The part between is scanned (meta/program_stream)
 // for anything that could change a stored value there, and the short
 // analysis's values are checked against what the scan found.
 constexpr int64_t kHeadAnalysis = 800000;  // µs
@@ -286,6 +287,38 @@ struct Mapping {
     if (at != MAP_FAILED) munmap(at, size);
   }
 };
+
+// Set when a page of the mapped head was beyond the file's end: the file
+// shrank while it was scanned.
+volatile sig_atomic_t gHeadShrank = 0;
+uintptr_t gPageSize = 4096;
+
+// A read of the mapping past the end of a file cut short under it raises
+// SIGBUS: the page is replaced by zeros (mmap is async-signal-safe) and the
+// scan goes on to its end, to be thrown away; the analysis then reads the
+// file as it now is.
+void OnHeadShrank(int, siginfo_t* info, void*) {
+  const uintptr_t page = reinterpret_cast<uintptr_t>(info->si_addr) & ~(gPageSize - 1);
+  void* zeros = mmap(reinterpret_cast<void*>(page), gPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  if (zeros == MAP_FAILED) _exit(1);
+  gHeadShrank = 1;
+}
+
+// The scan of a head, guarded against the mapped file shrinking meanwhile;
+// a doubt when it did.
+PsScan GuardedScan(const uint8_t* data, size_t size, bool whole, int64_t probesize) {
+  struct sigaction act = {}, before = {};
+  act.sa_sigaction = OnHeadShrank;
+  act.sa_flags = SA_SIGINFO;
+  sigemptyset(&act.sa_mask);
+  gHeadShrank = 0;
+  gPageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  bool guarded = sigaction(SIGBUS, &act, &before) == 0;
+  PsScan scan = ScanProgramStream(data, size, whole, probesize);
+  if (guarded) sigaction(SIGBUS, &before, nullptr);
+  if (gHeadShrank) scan.doubt = PsDoubt::kWindowOpen;
+  return scan;
+}
 
 // The head of the input the analysis would read: mapped from `fd` (the
 // probe helper may map files: its filter refuses only executable mappings),
@@ -375,8 +408,10 @@ Analysis AnalyseProgramStream(const TuningLibrary& lib, AVFormatContext* ctx, in
   bool whole = false;
   bool bounded = ReadHead(lib, ctx, fd, &map, &copy, &data, &size, &whole);
   PsScan scan{};
-  if (bounded) scan = ScanProgramStream(data, size, whole, ctx->probesize);
-  if (!bounded || scan.doubt != PsDoubt::kNone) return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
+  if (bounded && fd >= 0) scan = GuardedScan(data, size, whole, ctx->probesize);
+  if (bounded && fd < 0) scan = ScanProgramStream(data, size, whole, ctx->probesize);
+  if (!bounded || scan.doubt != PsDoubt::kNone)
+    return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
   const int64_t limit = ctx->max_analyze_duration;
   ctx->max_analyze_duration = scan.short_analysis > 0 ? scan.short_analysis : kHeadAnalysis;
   bool known = av->findStreamInfo(ctx, nullptr) >= 0;
