@@ -398,20 +398,29 @@ bool HeadAgrees(const AVFormatContext* ctx, const PsScan& scan) {
   return true;
 }
 
-// The tuned analysis of an input the "mpeg" demuxer opened.
-Analysis AnalyseProgramStream(const TuningLibrary& lib, AVFormatContext* ctx, int fd) {
-  const AvLibrary* av = LoadAv();
+// The scan of what the full analysis of `ctx` would read (ScanAnalysedPart).
+PsScan ScanPart(const TuningLibrary& lib, AVFormatContext* ctx, int fd) {
   Mapping map;
   std::vector<uint8_t> copy;
   const uint8_t* data = nullptr;
   size_t size = 0;
   bool whole = false;
   bool bounded = ReadHead(lib, ctx, fd, &map, &copy, &data, &size, &whole);
+  // The demuxer starts where opening left the input: after a leading ID3v2 tag.
+  const int64_t start = ctx->pb != nullptr ? lib.seek(ctx->pb, 0, SEEK_CUR) : -1;
   PsScan scan{};
-  if (bounded && fd >= 0) scan = GuardedScan(data, size, whole, ctx->probesize);
-  if (bounded && fd < 0) scan = ScanProgramStream(data, size, whole, ctx->probesize);
-  if (!bounded || scan.doubt != PsDoubt::kNone)
-    return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
+  scan.doubt = PsDoubt::kWindowOpen;
+  if (!bounded || start < 0 || start >= static_cast<int64_t>(size)) return scan;
+  data += start;
+  size -= static_cast<size_t>(start);
+  return fd >= 0 ? GuardedScan(data, size, whole, ctx->probesize) : ScanProgramStream(data, size, whole, ctx->probesize);
+}
+
+// The tuned analysis of an input the "mpeg" demuxer opened.
+Analysis AnalyseProgramStream(const TuningLibrary& lib, AVFormatContext* ctx, int fd) {
+  const AvLibrary* av = LoadAv();
+  const PsScan scan = ScanPart(lib, ctx, fd);
+  if (scan.doubt != PsDoubt::kNone) return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
   const int64_t limit = ctx->max_analyze_duration;
   ctx->max_analyze_duration = scan.short_analysis > 0 ? scan.short_analysis : kHeadAnalysis;
   bool known = av->findStreamInfo(ctx, nullptr) >= 0;
@@ -469,6 +478,14 @@ H264Decoder H264DecoderNeed(const AVFormatContext* ctx) {
   }
   if (!any) return H264Decoder::kNeeded;
   return avi ? H264Decoder::kCheckedAfter : H264Decoder::kRedundant;
+}
+
+PsScan ScanAnalysedPart(AVFormatContext* ctx, int fd) {
+  const TuningLibrary* lib = LoadTuning();
+  if (lib != nullptr) return ScanPart(*lib, ctx, fd);
+  PsScan scan{};
+  scan.doubt = PsDoubt::kWindowOpen;
+  return scan;
 }
 
 Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode, int fd) {
