@@ -277,6 +277,11 @@ void MakeProgramStreams(const TempDir& dir, std::vector<std::string>* files) {
   files->push_back(dir.File("ps/six-channels-at-2s.vob"));
   ASSERT_TRUE(Ffmpeg("-i '" + dir.File("ps/plain.vob") + "' -i '" + edited + "' -map 0:v -map 1:a -c copy -f vob '" +
                      files->back() + "'"));
+  // A sequence header that says 29.97 frames a second over time stamps 25 a second apart: the analysis's
+  // frame-rate guess from the stamps (25) is not the header's, which a short analysis would keep.
+  files->push_back(dir.File("ps/rate-unlike-stamps.mpg"));
+  ASSERT_TRUE(Ffmpeg("-i '" + dir.File("ps/plain.mpg") + "' -c copy -bsf:v mpeg2_metadata=frame_rate=30000/1001 "
+                     "-f mpeg '" + files->back() + "'"));
   // A leading ID3v2 tag, which opening passes over, holding what would be an audio packet to a scan from byte 0.
   files->push_back(dir.File("ps/id3.vob"));
   WriteBytes(files->back(), mp3test::Id3v2(3, mp3test::Frame23("PRIV", std::string("\0\0\1\xc1\0\x10\x0f", 7) +
@@ -502,7 +507,7 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
       EXPECT_EQ(program_stream(name), Analysis::kKnown) << name << " was not served by the short analysis";
     for (const char* name : {"ps/second-audio-late.mpg", "ps/audio-late.vob", "ps/bit-rate-change.mpg",
                              "ps/channels-change.vob", "ps/six-channels-at-2s.vob", "ps/size-change.mpg",
-                             "ps/subtitle-late.vob"})
+                             "ps/subtitle-late.vob", "ps/rate-unlike-stamps.mpg"})
       EXPECT_NE(program_stream(name), Analysis::kKnown) << name << " took the short analysis";
     // The decoder, not the headers, gives this file's rate and channels.
     MediaInfo sbr;

@@ -299,7 +299,8 @@ uintptr_t gPageSize = 4096;
 // file as it now is.
 void OnHeadShrank(int, siginfo_t* info, void*) {
   const uintptr_t page = reinterpret_cast<uintptr_t>(info->si_addr) & ~(gPageSize - 1);
-  void* zeros = mmap(reinterpret_cast<void*>(page), gPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  void* zeros =
+      mmap(reinterpret_cast<void*>(page), gPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
   if (zeros == MAP_FAILED) _exit(1);
   gHeadShrank = 1;
 }
@@ -413,14 +414,16 @@ PsScan ScanPart(const TuningLibrary& lib, AVFormatContext* ctx, int fd) {
   if (!bounded || start < 0 || start >= static_cast<int64_t>(size)) return scan;
   data += start;
   size -= static_cast<size_t>(start);
-  return fd >= 0 ? GuardedScan(data, size, whole, ctx->probesize) : ScanProgramStream(data, size, whole, ctx->probesize);
+  if (fd >= 0) return GuardedScan(data, size, whole, ctx->probesize);
+  return ScanProgramStream(data, size, whole, ctx->probesize);
 }
 
 // The tuned analysis of an input the "mpeg" demuxer opened.
 Analysis AnalyseProgramStream(const TuningLibrary& lib, AVFormatContext* ctx, int fd) {
   const AvLibrary* av = LoadAv();
   const PsScan scan = ScanPart(lib, ctx, fd);
-  if (scan.doubt != PsDoubt::kNone) return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
+  if (scan.doubt != PsDoubt::kNone)
+    return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
   const int64_t limit = ctx->max_analyze_duration;
   ctx->max_analyze_duration = scan.short_analysis > 0 ? scan.short_analysis : kHeadAnalysis;
   bool known = av->findStreamInfo(ctx, nullptr) >= 0;

@@ -122,7 +122,8 @@ bool DecodeMpegAudio(const uint8_t* p, AudioHeader* h) {
 
 // AC-3 (and, to refuse it, E-AC-3), as the library's header parser reads the 7 bytes.
 bool DecodeAc3(const uint8_t* p, AudioHeader* h) {
-  static const int16_t kKbps[19] = {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 448, 512, 576, 640};
+  static const int16_t kKbps[19] = {32,  40,  48,  56,  64,  80,  96,  112, 128, 160,
+                                    192, 224, 256, 320, 384, 448, 512, 576, 640};
   static const int32_t kFrequencies[3] = {48000, 44100, 32000};
   static const int8_t kChannels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
   if (p[0] != 0x0B || p[1] != 0x77) return false;
@@ -252,7 +253,8 @@ __attribute__((target("avx2"))) int64_t NextPrefixEndAvx2(const uint8_t* p, int6
     __m256i first = _mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(at)), zero);
     __m256i second = _mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(at + 1)), zero);
     __m256i third = _mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(at + 2)), one);
-    unsigned mask = static_cast<unsigned>(_mm256_movemask_epi8(_mm256_and_si256(_mm256_and_si256(first, second), third)));
+    __m256i hits = _mm256_and_si256(_mm256_and_si256(first, second), third);
+    unsigned mask = static_cast<unsigned>(_mm256_movemask_epi8(hits));
     if (mask != 0) return k + __builtin_ctz(mask);
   }
   return NextPrefixEndBytewise(p, k, size);
@@ -302,7 +304,8 @@ bool SameSequences(const uint8_t* data, const Joined& video, PsStream* out) {
       // A prefix across the start of the piece is read through the joined payload.
       for (; k < 2 && k < piece.length && at < 0; ++k) {
         uint8_t prefix[2];
-        if (base[k] == 1 && video.Gather(data, piece.joined + k - 2, prefix, 2) == 2 && prefix[0] == 0 && prefix[1] == 0)
+        if (base[k] == 1 && video.Gather(data, piece.joined + k - 2, prefix, 2) == 2 && prefix[0] == 0 &&
+            prefix[1] == 0)
           at = k;
       }
       if (at < 0 && k >= 2) at = NextPrefixEnd(base, k, piece.length);
