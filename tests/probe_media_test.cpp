@@ -299,6 +299,65 @@ std::string WithCommentPacket(const TempDir& dir, const std::string& ogg, const 
   return copy;
 }
 
+// MPEG program streams for the short analysis, under "ps/": plain ones it must serve, and ones whose difference
+// lies after its 0.8 s but inside what the full analysis reads (5 s), made by joining two 2 s and 3 s pieces,
+// by a stream that starts at 2 s, or by a DVD subtitle packet put in at 40 % of the file (at 3 % it is served).
+void MakeProgramStreams(const TempDir& dir, std::vector<std::string>* files) {
+  ASSERT_TRUE(FfmpegMany(dir, "ps", "-f lavfi -i testsrc=d=6:s=352x288:r=25 -f lavfi -i sine=d=6:sample_rate=48000 "
+                         "-itsoffset 2 -f lavfi -i sine=d=3:f=220:sample_rate=48000", {
+      {"plain.mpg", "-map 0 -map 1 -c:v mpeg2video -c:a mp2"}, {"plain.vob", "-map 0 -map 1 -c:v mpeg2video -c:a ac3"},
+      {"mpeg1.mpg", "-map 0 -map 1 -c:v mpeg1video -c:a mp2 -f mpeg"}, {"vcd.mpg", "-map 0 -map 1 -target pal-vcd"},
+      {"dvd.vob", "-map 0 -map 1 -target pal-dvd"}, {"video-only.mpg", "-map 0 -c:v mpeg2video"},
+      {"lpcm.vob", "-map 0 -map 1 -c:v mpeg2video -c:a pcm_dvd -ac 2"},
+      {"second-audio-late.mpg", "-map 0 -map 1 -map 2 -c:v mpeg2video -c:a mp2"},
+      {"audio-late.vob", "-map 0 -map 2 -c:v mpeg2video -c:a ac3"}}, files));
+  const char* pieces[][4] = {{"bit-rate-change.mpg", "-c:a mp2 -b:a 192k", "-c:a mp2 -b:a 128k", "mpeg"},
+                             {"channels-change.vob", "-c:a ac3 -ac 2", "-c:a ac3 -ac 6", "vob"},
+                             {"size-change.mpg", "-c:a mp2", "-c:a mp2 -vf scale=176:144", "mpeg"}};
+  for (const auto& p : pieces) {
+    std::string list;
+    for (int i : {1, 2}) {
+      std::string piece = dir.File("ps/piece" + std::to_string(i) + "-" + p[0]);
+      ASSERT_TRUE(Ffmpeg("-f lavfi -i testsrc=d=" + std::to_string(i + 1) + ":s=352x288:r=25 -f lavfi -i sine=d=3:"
+                         "sample_rate=48000 -shortest -c:v mpeg2video " + p[i] + " -f " + p[3] + " '" + piece + "'"));
+      list += "file '" + piece + "'\n";
+    }
+    WriteBytes(dir.File("ps/list.txt"), list);
+    files->push_back(dir.File(std::string("ps/") + p[0]));
+    ASSERT_TRUE(Ffmpeg("-f concat -safe 0 -i '" + dir.File("ps/list.txt") + "' -c copy -f " + p[3] + " '" +
+                       files->back() + "'"));
+  }
+  // A pack holding one 16-byte DVD subtitle unit, put in at 3 % (in the short analysis's part) and at 40 %.
+  std::string vob = ReadBytes(dir.File("ps/plain.vob"));
+  const std::string pack("\0\0\1\xba\x44\0\4\0\4\1\1\x89\xc3\xf8", 14);
+  const std::string subtitle = std::string("\0\0\1\xbd\0\x19\x81\x80\5\x21\0\1\0\1\x20\0\x10", 17) +
+                               std::string(14, '\0');
+  for (auto [name, share] : {std::pair{"ps/subtitle-early.vob", 3}, {"ps/subtitle-late.vob", 40}}) {
+    size_t at = vob.find(std::string("\0\0\1\xba", 4), vob.size() * share / 100);
+    ASSERT_NE(at, std::string::npos);
+    files->push_back(dir.File(name));
+    WriteBytes(files->back(), vob.substr(0, at) + pack + subtitle + vob.substr(at));
+  }
+  // AC-3 frames that say 5.1 instead of mono from 2 s on (same frame length, 384 bytes), the video untouched.
+  std::string es = dir.File("ps/mono.ac3"), edited = dir.File("ps/edited.ac3");
+  ASSERT_TRUE(Ffmpeg("-i '" + dir.File("ps/plain.vob") + "' -map 0:a -c copy -f ac3 '" + es + "'"));
+  std::string ac3 = ReadBytes(es);
+  for (size_t at = 63 * 384; at + 7 <= ac3.size(); at += 384) ac3[at + 6] = '\xe1';  // 3/2 channels and LFE
+  WriteBytes(edited, ac3);
+  files->push_back(dir.File("ps/six-channels-at-2s.vob"));
+  ASSERT_TRUE(Ffmpeg("-i '" + dir.File("ps/plain.vob") + "' -i '" + edited + "' -map 0:v -map 1:a -c copy -f vob '" +
+                     files->back() + "'"));
+  // A sequence header that says 29.97 frames a second over time stamps 25 a second apart: the analysis's
+  // frame-rate guess from the stamps (25) is not the header's, which a short analysis would keep.
+  files->push_back(dir.File("ps/rate-unlike-stamps.mpg"));
+  ASSERT_TRUE(Ffmpeg("-i '" + dir.File("ps/plain.mpg") + "' -c copy -bsf:v mpeg2_metadata=frame_rate=30000/1001 "
+                     "-f mpeg '" + files->back() + "'"));
+  // A leading ID3v2 tag, which opening passes over, holding what would be an audio packet to a scan from byte 0.
+  files->push_back(dir.File("ps/id3.vob"));
+  WriteBytes(files->back(), mp3test::Id3v2(3, mp3test::Frame23("PRIV", std::string("\0\0\1\xc1\0\x10\x0f", 7) +
+                                                                            std::string(15, '\x55'))) + vob);
+}
+
 // Each container and codec of the generic handlers (bench/gen-corpus's and more: several streams,
 // multichannel, VBR, cover pictures, H.264 in every layout the picture size is read from, compressed
 // audio stored as PCM), a few seconds long and a few longer ones.
@@ -488,6 +547,7 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
     for (const auto& f : CorpusFiles(folder)) files.push_back(f);
   TempDir dir;
   if (HaveFfmpeg()) MakeGeneratedSet(dir, &files);
+  if (HaveFfmpeg()) MakeProgramStreams(dir, &files);
   if (files.empty()) GTEST_SKIP() << "neither the corpus nor ffmpeg";
   orvo::test::LogCapture quiet;
   std::set<std::string> served;
@@ -553,6 +613,23 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
       EXPECT_EQ(tuned_analysis(name, &need), Analysis::kKnown) << name;
       EXPECT_EQ(need, H264Decoder::kNeeded) << name;
     }
+    // MPEG program streams: the plain ones get the short analysis; in the others the scan of the full
+    // analysis's part finds the difference, or the short analysis's values disagree with the scan's.
+    auto program_stream = [&](const char* name) {
+      const AvLibrary* av = LoadAv();
+      AVFormatContext* raw = nullptr;
+      if (av == nullptr || av->openInput(&raw, dir.File(name).c_str(), nullptr, nullptr) < 0) return Analysis::kUnknown;
+      AvInput ctx(raw);
+      return ScanAnalysedPart(ctx.get()).doubt != PsDoubt::kNone ? Analysis::kUnknown : tuned_analysis(name, &need);
+    };
+    for (const char* name : {"ps/plain.mpg", "ps/plain.vob", "ps/mpeg1.mpg", "ps/vcd.mpg", "ps/dvd.vob",
+                             "ps/video-only.mpg", "ps/lpcm.vob", "ps/subtitle-early.vob", "ps/id3.vob",
+                             "long/mpeg2.mpg"})
+      EXPECT_EQ(program_stream(name), Analysis::kKnown) << name << " was not served by the short analysis";
+    for (const char* name : {"ps/second-audio-late.mpg", "ps/audio-late.vob", "ps/bit-rate-change.mpg",
+                             "ps/channels-change.vob", "ps/six-channels-at-2s.vob", "ps/size-change.mpg",
+                             "ps/subtitle-late.vob", "ps/rate-unlike-stamps.mpg"})
+      EXPECT_NE(program_stream(name), Analysis::kKnown) << name << " took the short analysis";
     // The decoder, not the headers, gives this file's rate and channels.
     MediaInfo sbr;
     memset(&sbr, 0, sizeof sbr);

@@ -211,7 +211,7 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
   AvIo io;
   AvInput ctx = OpenInput(path, &input, &io);
   if (!ctx) return -1;
-  Analysis analysis = AnalyseStreams(ctx.get(), mode);
+  Analysis analysis = AnalyseStreams(ctx.get(), mode, fd);
   if (analysis == Analysis::kOpenAgainUntuned) {
     ctx.reset();
     io.reset();

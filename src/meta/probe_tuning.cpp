@@ -1,6 +1,9 @@
 #include "meta/probe_tuning.h"
 
 #include <dlfcn.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -17,6 +20,7 @@ extern "C" {
 
 #include "meta/h264_sps.h"
 #include "meta/metamedia.h"
+#include "meta/program_stream.h"
 
 namespace {
 
@@ -263,6 +267,170 @@ const std::string& DecodersButH264(const TuningLibrary& lib) {
   return list;
 }
 
+// The analysis of an MPEG program stream reads until its packets reach the
+// size limit or a stream has 5 s analysed (about 3 MB of a DVD); given the
+// short limit the scan foresees (or 0.8 s) it reads what gives every
+// stream's parameters. The part between is scanned (meta/program_stream)
+// for anything that could change a stored value there, and the short
+// analysis's values are checked against what the scan found.
+constexpr int64_t kHeadAnalysis = 800000;  // µs
+constexpr int64_t kMappedBeyondLimit = 8 << 20;  // bytes of headers, padding and what parsers hold
+
+// Owner of a read-only mapping of a file's head.
+struct Mapping {
+  void* at = MAP_FAILED;
+  size_t size = 0;
+  Mapping() = default;
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+  ~Mapping() {
+    if (at != MAP_FAILED) munmap(at, size);
+  }
+};
+
+// Set when a page of the mapped head was beyond the file's end: the file
+// shrank while it was scanned.
+volatile sig_atomic_t gHeadShrank = 0;
+uintptr_t gPageSize = 4096;
+
+// A read of the mapping past the end of a file cut short under it raises
+// SIGBUS: the page is replaced by zeros (mmap is async-signal-safe) and the
+// scan goes on to its end, to be thrown away; the analysis then reads the
+// file as it now is.
+void OnHeadShrank(int, siginfo_t* info, void*) {
+  const uintptr_t page = reinterpret_cast<uintptr_t>(info->si_addr) & ~(gPageSize - 1);
+  void* zeros =
+      mmap(reinterpret_cast<void*>(page), gPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  if (zeros == MAP_FAILED) _exit(1);
+  gHeadShrank = 1;
+}
+
+// The scan of a head, guarded against the mapped file shrinking meanwhile;
+// a doubt when it did.
+PsScan GuardedScan(const uint8_t* data, size_t size, bool whole, int64_t probesize) {
+  struct sigaction act = {}, before = {};
+  act.sa_sigaction = OnHeadShrank;
+  act.sa_flags = SA_SIGINFO;
+  sigemptyset(&act.sa_mask);
+  gHeadShrank = 0;
+  gPageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  bool guarded = sigaction(SIGBUS, &act, &before) == 0;
+  PsScan scan = ScanProgramStream(data, size, whole, probesize);
+  if (guarded) sigaction(SIGBUS, &before, nullptr);
+  if (gHeadShrank) scan.doubt = PsDoubt::kWindowOpen;
+  return scan;
+}
+
+// The head of the input the analysis would read: mapped from `fd` (the
+// probe helper may map files: its filter refuses only executable mappings),
+// or, for an input without one, read through it and put back.
+bool ReadHead(const TuningLibrary& lib, AVFormatContext* ctx, int fd, Mapping* map, std::vector<uint8_t>* copy,
+              const uint8_t** data, size_t* size, bool* whole) {
+  const int64_t want = ctx->probesize + kMappedBeyondLimit;
+  if (fd >= 0) {
+    // The helper's filter allows lseek, not fstat; libavformat reads with pread.
+    const off_t file = lseek(fd, 0, SEEK_END);
+    if (file <= 0) return false;
+    map->size = static_cast<size_t>(std::min<int64_t>(file, want));
+    map->at = mmap(nullptr, map->size, PROT_READ, MAP_PRIVATE, fd, 0);
+    if (map->at == MAP_FAILED) return false;
+    *data = static_cast<const uint8_t*>(map->at);
+    *size = map->size;
+    *whole = static_cast<int64_t>(map->size) == file;
+    return true;
+  }
+  AVIOContext* pb = ctx->pb;
+  int64_t at = pb != nullptr ? lib.seek(pb, 0, SEEK_CUR) : -1;
+  int64_t file = pb != nullptr ? lib.size(pb) : -1;
+  if (at < 0 || file <= 0 || lib.seek(pb, 0, SEEK_SET) != 0) return false;
+  copy->resize(static_cast<size_t>(std::min(file, want)));
+  int got = lib.read(pb, copy->data(), static_cast<int>(copy->size()));
+  if (lib.seek(pb, at, SEEK_SET) != at || got != static_cast<int>(copy->size())) return false;
+  *data = copy->data();
+  *size = copy->size();
+  *whole = static_cast<int64_t>(copy->size()) == file;
+  return true;
+}
+
+// True when the short analysis found each stream the scan found, in its
+// order, with the values the scan says the whole window gives.
+bool HeadAgrees(const AVFormatContext* ctx, const PsScan& scan) {
+  if (static_cast<int>(ctx->nb_streams) != scan.count) return false;
+  for (int i = 0; i < scan.count; ++i) {
+    const AVStream* st = ctx->streams[i];
+    const AVCodecParameters* par = st->codecpar;
+    const PsStream& want = scan.streams[i];
+    if (st->id != want.id) return false;
+    switch (want.kind) {
+      case PsKind::kNavigation:
+        if (par->codec_id != AV_CODEC_ID_DVD_NAV) return false;
+        continue;
+      case PsKind::kSubtitle:
+        if (par->codec_id != AV_CODEC_ID_DVD_SUBTITLE) return false;
+        break;
+      case PsKind::kLpcm:
+        // Its decoder reads the first packet's header and no parser follows.
+        if (par->codec_id != AV_CODEC_ID_PCM_DVD || par->sample_rate <= 0 || par->ch_layout.nb_channels <= 0)
+          return false;
+        break;
+      case PsKind::kVideo: {
+        // With the sequence header taken as extradata every stream counts
+        // as known to the analysis, whose limit is then 5 s, not 7.
+        if (par->codec_id != (want.mpeg2 ? AV_CODEC_ID_MPEG2VIDEO : AV_CODEC_ID_MPEG1VIDEO) || par->width <= 0 ||
+            par->height <= 0 || par->extradata_size <= 0)
+          return false;
+        int num = 0, den = 0;
+        if (want.step > 0) PsStepRate(want.step, &num, &den);
+        if (want.step > 0 && (st->r_frame_rate.num != num || st->r_frame_rate.den != den)) return false;
+        break;
+      }
+      case PsKind::kMpegAudio:
+      case PsKind::kAc3: {
+        static const AVCodecID kLayers[4] = {AV_CODEC_ID_AC3, AV_CODEC_ID_MP1, AV_CODEC_ID_MP2, AV_CODEC_ID_MP3};
+        if (par->codec_id != kLayers[want.layer] || par->sample_rate != want.sample_rate ||
+            par->ch_layout.nb_channels != want.channels || par->bit_rate != want.bit_rate)
+          return false;
+        break;
+      }
+    }
+    // Each stream's start is its first time stamp, which the head holds.
+    if (st->start_time == AV_NOPTS_VALUE) return false;
+  }
+  return true;
+}
+
+// The scan of what the full analysis of `ctx` would read (ScanAnalysedPart).
+PsScan ScanPart(const TuningLibrary& lib, AVFormatContext* ctx, int fd) {
+  Mapping map;
+  std::vector<uint8_t> copy;
+  const uint8_t* data = nullptr;
+  size_t size = 0;
+  bool whole = false;
+  bool bounded = ReadHead(lib, ctx, fd, &map, &copy, &data, &size, &whole);
+  // The demuxer starts where opening left the input: after a leading ID3v2 tag.
+  const int64_t start = ctx->pb != nullptr ? lib.seek(ctx->pb, 0, SEEK_CUR) : -1;
+  PsScan scan{};
+  scan.doubt = PsDoubt::kWindowOpen;
+  if (!bounded || start < 0 || start >= static_cast<int64_t>(size)) return scan;
+  data += start;
+  size -= static_cast<size_t>(start);
+  if (fd >= 0) return GuardedScan(data, size, whole, ctx->probesize);
+  return ScanProgramStream(data, size, whole, ctx->probesize);
+}
+
+// The tuned analysis of an input the "mpeg" demuxer opened.
+Analysis AnalyseProgramStream(const TuningLibrary& lib, AVFormatContext* ctx, int fd) {
+  const AvLibrary* av = LoadAv();
+  const PsScan scan = ScanPart(lib, ctx, fd);
+  if (scan.doubt != PsDoubt::kNone)
+    return av->findStreamInfo(ctx, nullptr) >= 0 ? Analysis::kKnown : Analysis::kUnknown;
+  const int64_t limit = ctx->max_analyze_duration;
+  ctx->max_analyze_duration = scan.short_analysis > 0 ? scan.short_analysis : kHeadAnalysis;
+  bool known = av->findStreamInfo(ctx, nullptr) >= 0;
+  ctx->max_analyze_duration = limit;
+  return known && HeadAgrees(ctx, scan) ? Analysis::kKnown : Analysis::kOpenAgainUntuned;
+}
+
 }  // namespace
 
 // True when the sequence parameter set in the stream's codec configuration
@@ -315,10 +483,19 @@ H264Decoder H264DecoderNeed(const AVFormatContext* ctx) {
   return avi ? H264Decoder::kCheckedAfter : H264Decoder::kRedundant;
 }
 
-Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode) {
+PsScan ScanAnalysedPart(AVFormatContext* ctx, int fd) {
+  const TuningLibrary* lib = LoadTuning();
+  if (lib != nullptr) return ScanPart(*lib, ctx, fd);
+  PsScan scan{};
+  scan.doubt = PsDoubt::kWindowOpen;
+  return scan;
+}
+
+Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode, int fd) {
   const AvLibrary* av = LoadAv();
   const TuningLibrary* lib = mode == ProbeMode::kTuned ? LoadTuning() : nullptr;
   H264Decoder decoder = H264Decoder::kNeeded;
+  if (lib != nullptr && Named(ctx, "mpeg")) return AnalyseProgramStream(*lib, ctx, fd);
   if (lib != nullptr) {
     if (HeaderSettlesEverything(*lib, ctx)) {
       CompleteTimings(*lib, ctx);

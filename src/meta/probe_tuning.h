@@ -16,6 +16,7 @@ extern "C" {
 }
 
 #include "meta/metamedia.h"
+#include "meta/program_stream.h"
 
 enum class Analysis {
   kKnown,            // the streams' parameters are known
@@ -26,7 +27,16 @@ enum class Analysis {
 // The stream analysis for an input opened through LoadAv(), before any packet
 // was read from it. With ProbeMode::kLibraryDefaults it is
 // avformat_find_stream_info unchanged, known when that returns 0 or more.
-Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode);
+// `fd`, when not -1, is the descriptor the input reads: an MPEG program
+// stream's head is then mapped from it rather than read through the input.
+Analysis AnalyseStreams(AVFormatContext* ctx, ProbeMode mode, int fd = -1);
+
+// The scan (meta/program_stream) of what libavformat's full analysis of an
+// input the "mpeg" demuxer opened would read, from where the demuxer starts;
+// the input is left where it was. AnalyseStreams gives such an input the
+// short analysis only when this finds no doubt. kWindowOpen when the bytes
+// cannot be had.
+PsScan ScanAnalysedPart(AVFormatContext* ctx, int fd = -1);
 
 // What the tuned analysis of an opened input needs the H.264 decoder for.
 enum class H264Decoder {
