@@ -440,6 +440,8 @@ struct Scanner {
   int sofdec = 0;       // the demuxer's state after the first private stream 2 packet
   bool dvd = false;
   bool ended = false;   // the window is complete
+  PsReadAhead ahead = nullptr;
+  void* ahead_context = nullptr;
   int64_t sure_end = -1;   // file offset the analysis surely reads to (-1: not met yet)
   int64_t sure_payload = 0;  // payload the analysis surely reads
 
@@ -753,9 +755,11 @@ int64_t Scanner::Run(int64_t probesize) {
   if (size >= 4 && memcmp(data, "IMKH", 4) == 0) return Doubt(PsDoubt::kHeaderTag), 0;
   if (size >= 6 && memcmp(data, "Sofdec", 6) == 0) return Doubt(PsDoubt::kHeaderTag), 0;
   int64_t pos = 0;
+  int64_t told = -kPsReadAheadStep;
   bool by_size = false;
   // Bounded: every packet moves on by at least one byte.
   while (!ended) {
+    if (ahead != nullptr && pos - told >= kPsReadAheadStep) ahead(told = pos, ahead_context);
     if (payload >= probesize + kLagSlack) {
       by_size = true;
       break;
@@ -830,8 +834,11 @@ void Scanner::Conclude(int64_t, bool by_size) {
 
 }  // namespace
 
-PsScan ScanProgramStream(const uint8_t* data, size_t size, bool whole, int64_t probesize) {
+PsScan ScanProgramStream(const uint8_t* data, size_t size, bool whole, int64_t probesize, PsReadAhead ahead,
+                         void* context) {
   Scanner scanner;
+  scanner.ahead = ahead;
+  scanner.ahead_context = context;
   scanner.data = data;
   scanner.size = static_cast<int64_t>(size);
   scanner.whole = whole;

@@ -71,9 +71,16 @@ struct PsScan {
   int64_t short_analysis;
 };
 
+// Told, as the scan moves on through its bytes, the offset it has reached
+// (first 0, then every kPsReadAheadStep bytes or so), so that a caller
+// whose bytes are a mapped file can ask the disk for what comes next.
+using PsReadAhead = void (*)(int64_t reached, void* context);
+inline constexpr int64_t kPsReadAheadStep = 256 << 10;
+
 // Scans the first `size` bytes of a file (`whole` when that is the file)
 // for an analysis limited to `probesize` bytes of packets.
-PsScan ScanProgramStream(const uint8_t* data, size_t size, bool whole, int64_t probesize);
+PsScan ScanProgramStream(const uint8_t* data, size_t size, bool whole, int64_t probesize,
+                         PsReadAhead ahead = nullptr, void* context = nullptr);
 
 // The frame rate the analysis settles on for a video stream whose time
 // stamps step by `step` ticks of 90 kHz (it reduces 90000 / step).
