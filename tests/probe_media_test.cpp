@@ -6,6 +6,7 @@
 #include "formats_testutil.h"
 #include "mp3_test_bytes.h"
 #include "meta/metamedia.h"
+#include "meta/asf_reader.h"
 #include "meta/h264_sps.h"
 #include "meta/metavideo.h"
 #include "meta/mp4_reader.h"
@@ -357,6 +358,52 @@ void MakeProgramStreams(const TempDir& dir, std::vector<std::string>* files) {
   WriteBytes(files->back(), mp3test::Id3v2(3, mp3test::Frame23("PRIV", std::string("\0\0\1\xc1\0\x10\x0f", 7) +
                                                                             std::string(15, '\x55'))) + vob);
 }
+// ASF header pieces for crafted WMA files: little-endian numbers, NUL-ended UTF-16 text, objects.
+std::string Le(uint64_t v, int bytes) {
+  std::string out;
+  for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(v >> (8 * i)));
+  return out;
+}
+std::string Utf16(const std::string& ascii) {
+  std::string out;
+  for (char c : ascii) out += std::string{c, '\0'};
+  return out + std::string(2, '\0');
+}
+std::string AsfObject(const char* guid, const std::string& body) {
+  return std::string(guid, 16) + Le(24 + body.size(), 8) + body;
+}
+const char kExtDescription[] = "\x40\xA4\xD0\xD2\x07\xE3\xD2\x11\x97\xF0\x00\xA0\xC9\x5E\xA8\x50";
+const char kMetadataObject[] = "\xEA\xCB\xF8\xC5\xAF\x5B\x77\x48\x84\x67\xAA\x8C\x44\xFA\x4C\xCA";
+const char kMetadataLibrary[] = "\x94\x1C\x23\x44\x98\x94\xD1\x49\xA1\x41\x1D\x13\x4E\x45\x70\x54";
+// An extended content description entry and a metadata record (stream 0): name, value type, value.
+// An odd `declared` length of text is one short, as some writers gave it.
+std::string ExtEntry(const std::string& name, int type, const std::string& value, int declared = -1) {
+  return Le(Utf16(name).size(), 2) + Utf16(name) + Le(type, 2) + Le(declared < 0 ? value.size() : declared, 2) + value;
+}
+std::string MetaRecord(const std::string& name, int type, const std::string& value) {
+  return Le(0, 4) + Le(Utf16(name).size(), 2) + Le(type, 2) + Le(value.size(), 4) + Utf16(name) + value;
+}
+
+// A copy of an ffmpeg-made WMA with its file properties' preroll set (when >= 0), `objects` put
+// before the data object (the header's size and count made to match) and cut to `keep` bytes.
+std::string WmaWith(const TempDir& dir, const std::string& wma, const std::string& name, int64_t preroll,
+                    const std::string& objects = "", size_t keep = std::string::npos) {
+  std::string bytes = ReadBytes(wma);
+  size_t file = bytes.find(std::string("\xA1\xDC\xAB\x8C\x47\xA9\xCF\x11", 8));
+  size_t data = bytes.find(std::string("\x36\x26\xB2\x75\x8E\x66\xCF\x11", 8), 30);
+  if (file == std::string::npos || data == std::string::npos) return "";
+  if (preroll >= 0) bytes.replace(file + 80, 4, Le(preroll, 4));
+  bytes.insert(data, objects);
+  uint64_t size = 0, count = 0;
+  for (int i = 7; i >= 0; --i) size = size << 8 | uint8_t(bytes[16 + i]);
+  for (int i = 3; i >= 0; --i) count = count << 8 | uint8_t(bytes[24 + i]);
+  bytes.replace(16, 8, Le(size + objects.size(), 8));
+  bytes.replace(24, 4, Le(count + (objects.empty() ? 0 : 1), 4));
+  std::string copy = dir.File("wma/" + name);
+  WriteBytes(copy, bytes.substr(0, keep));
+  return copy;
+}
+
 
 // Each container and codec of the generic handlers (bench/gen-corpus's and more: several streams,
 // multichannel, VBR, cover pictures, H.264 in every layout the picture size is read from, compressed
@@ -537,6 +584,45 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
   // Two streams one after the other.
   files->push_back(dir.File("ogg/chained.ogg"));
   WriteBytes(files->back(), ReadBytes(dir.File("ogg/q0-mono-8k.ogg")) + ReadBytes(opus));
+  // WMA for the header reader: both versions at several rates, bit rates and channel counts, tags
+  // (non-ASCII, long); a cover picture and two audio streams, which are the probe's.
+  const std::string tags = "-metadata title=Song -metadata artist=Band -metadata album=Record -metadata genre=Jazz "
+                           "-metadata date=1999 -metadata track=4/12 -metadata comment=Note ";
+  ASSERT_TRUE(FfmpegMany(dir, "wma", audio_in + " " + kPicture, {
+      {"v1-mono-8k.wma", "-map 1 -ac 1 -ar 8000 -c:a wmav1 -b:a 24k"},
+      {"v1-22k.wma", "-map 0 -ar 22050 -c:a wmav1 -b:a 48k " + tags},
+      {"v2-44k.wma", "-map 0 -ar 44100 -c:a wmav2 -b:a 192k " + tags},
+      {"v2-mono-32k.wma", "-map 1 -ac 1 -ar 32000 -c:a wmav2 -b:a 32k"},
+      {"unicode.wma", "-map 1 -c:a wmav2 -metadata title=B\xc3\xa4nd\xe2\x98\x83\xf0\x9d\x84\x9e "
+                      "-metadata artist=\xd0\x90\xd0\xb1 -metadata album=\xe6\x97\xa5\xe6\x9c\xac"},
+      {"long-tags.wma", "-map 1 -c:a wmav2 -metadata title=" + std::string(3000, 't') + " -metadata album=" +
+                        std::string(900, 'a') + "\xc3\xa4 -metadata genre=" + std::string(20000, 'g')},
+      {"cover.wma", "-map 1 -map 2 -c:a wmav2 -c:v png -disposition:v attached_pic -frames:v 1"},
+      {"two-audio.wma", "-map 0 -map 1 -c:a wmav2"}}, files));
+  // Crafted headers: prerolls of 0, a few seconds and longer than the file; a tag of each value type
+  // in both description kinds (numbers read as int, so sign-extended; a QWORD year cut to its low
+  // half; tags replacing earlier ones of another case); a picture in the metadata library; damage.
+  std::string plain = dir.File("wma/v2-44k.wma");
+  files->push_back(WmaWith(dir, plain, "preroll-0.wma", 0));
+  files->push_back(WmaWith(dir, plain, "preroll-4s.wma", 4000));
+  files->push_back(WmaWith(dir, plain, "preroll-past-end.wma", 60000));
+  std::string ext = Le(9, 2) + ExtEntry("WM/TrackNumber", 3, Le(0xFFFFFFFE, 4)) +
+                    ExtEntry("WM/Year", 4, Le(0x7FFFFFFF000007C6, 8)) + ExtEntry("WM/Genre", 5, Le(17, 2)) +
+                    ExtEntry("IsVBR", 2, Le(1, 4)) + ExtEntry("TITLE", 0, Utf16("Other")) +
+                    ExtEntry("WM/AlbumTitle", 6, std::string(16, 'g')) + ExtEntry("WM/MCDI", 1, "xyz") +
+                    ExtEntry("AUTHOR", 0, Utf16("Odd"), 7) + ExtEntry("xmpTitle", 0, Utf16("x"));
+  files->push_back(WmaWith(dir, dir.File("wma/unicode.wma"), "ext-types.wma", -1, AsfObject(kExtDescription, ext)));
+  std::string meta = Le(5, 2) + MetaRecord("WM/Track", 3, Le(0x80000000, 4)) + MetaRecord("IsVBR", 2, Le(1, 2)) +
+                     MetaRecord("WM/Year", 0, Utf16("2003-01")) + MetaRecord("album", 5, Le(65535, 2)) +
+                     MetaRecord("genre", 0, Utf16(""));
+  files->push_back(WmaWith(dir, dir.File("wma/v2-mono-32k.wma"), "meta-types.wma", -1, AsfObject(kMetadataObject, meta)));
+  std::string picture = Le(1, 2) + MetaRecord("WM/Picture", 1, std::string("\x03\x04\0\0\0", 5) + Utf16("a") + Utf16(""));
+  files->push_back(WmaWith(dir, plain, "library-picture.wma", -1, AsfObject(kMetadataLibrary, picture)));
+  files->push_back(WmaWith(dir, plain, "truncated-header.wma", -1, "", 200));
+  size_t header = ReadBytes(plain).find(std::string("\x36\x26\xB2\x75\x8E\x66\xCF\x11", 8), 30);
+  files->push_back(WmaWith(dir, plain, "truncated-data-header.wma", -1, "", header + 40));
+  files->push_back(WmaWith(dir, plain, "cut-short.wma", -1, "", header + 2000));  // its size field then too far off
+  files->push_back(WmaWith(dir, plain, "truncated-data.wma", -1, "", ReadBytes(plain).size() - 2000));
 }
 
 // The tuned probe leaves out only analysis that cannot change a stored value: every field of every
@@ -552,16 +638,31 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
   orvo::test::LogCapture quiet;
   std::set<std::string> served;
   for (const auto& f : files) {
-    MediaInfo tuned, plain, boxes, pages;
+    MediaInfo tuned, plain, boxes, pages, header;
     memset(&tuned, 0, sizeof tuned);
     memset(&plain, 0, sizeof plain);
     memset(&boxes, 0, sizeof boxes);
     memset(&pages, 0, sizeof pages);
+    memset(&header, 0, sizeof header);
     EXPECT_EQ(ReadMediaInfo(f.c_str(), &tuned, ProbeMode::kTuned),
               ReadMediaInfo(f.c_str(), &plain, ProbeMode::kLibraryDefaults)) << f;
     EXPECT_EQ(memcmp(&tuned, &plain, sizeof tuned), 0) << f << "\n" << Stored(tuned) << "\n" << Stored(plain);
     if (ReadMp4VideoValues(f.c_str(), &boxes)) served.insert(f.substr(f.rfind('/', f.rfind('/') - 1) + 1));
     if (ReadOggValues(f.c_str(), &pages)) served.insert(f.substr(f.rfind('/', f.rfind('/') - 1) + 1));
+    if (ReadAsfValues(f.c_str(), &header)) served.insert(f.substr(f.rfind('/', f.rfind('/') - 1) + 1));
+  }
+  // The WMA header reader likewise: what it cannot vouch for goes to the probe, the plain files do not.
+  for (const char* name : {"misc-audio/lossless.wma", "video/matrix_ping_pong.wmv", "video/fixture.asf",
+                           "video/fixture.wmv.asf", "v/wmv2.wmv", "v/wmv1.asf", "v/msmpeg4.asf", "wma/cover.wma",
+                           "wma/two-audio.wma", "wma/library-picture.wma", "wma/truncated-header.wma",
+                           "wma/truncated-data-header.wma", "wma/cut-short.wma"})
+    EXPECT_EQ(served.count(name), 0u) << name << " did not go to the probe";
+  if (HaveFfmpeg()) {
+    for (const char* name : {"a/v2.wma", "a/v1.wma", "long/wmav2.wma", "wma/v1-mono-8k.wma", "wma/v1-22k.wma",
+                             "wma/v2-44k.wma", "wma/v2-mono-32k.wma", "wma/unicode.wma", "wma/long-tags.wma",
+                             "wma/preroll-0.wma", "wma/preroll-4s.wma", "wma/preroll-past-end.wma",
+                             "wma/ext-types.wma", "wma/meta-types.wma", "wma/truncated-data.wma"})
+      EXPECT_EQ(served.count(name), 1u) << name << " went to the probe";
   }
   // Nor would it about the Ogg page reader; the files it cannot vouch for must go to the probe.
   for (const char* name : {"misc-audio/lowercase-fields.ogg", "a/cover.ogg", "a/flac.ogg", "a/speex.ogg",

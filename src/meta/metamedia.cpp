@@ -17,6 +17,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "meta/asf_reader.h"
 #include "meta/descriptor_input.h"
 #include "meta/mp4_video.h"
 #include "meta/ogg_reader.h"
@@ -321,10 +322,11 @@ int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
   // The advice holds for the open file, so the helper's reads through this
   // descriptor read no more than libavformat asks for.
   AdviseFewReads(fd);
-  // MP4 and QuickTime video our box reader can vouch for, and Ogg Vorbis and
-  // Opus our page reader can, never reach the probe.
-  if (mode == ProbeMode::kTuned &&
-      (ReadMp4VideoValues(fd, path, st.st_size, info) || ReadOggValues(fd, st.st_size, info))) {
+  // MP4 and QuickTime video our box reader can vouch for, Ogg Vorbis and
+  // Opus our page reader can, and WMA our header reader can, never reach the
+  // probe.
+  if (mode == ProbeMode::kTuned && (ReadMp4VideoValues(fd, path, st.st_size, info) ||
+                                    ReadOggValues(fd, st.st_size, info) || ReadAsfValues(fd, st.st_size, info))) {
     close(fd);
     return 0;
   }
