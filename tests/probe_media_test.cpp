@@ -618,6 +618,9 @@ void MakeGeneratedSet(const TempDir& dir, std::vector<std::string>* files) {
   files->push_back(WmaWith(dir, dir.File("wma/v2-mono-32k.wma"), "meta-types.wma", -1, AsfObject(kMetadataObject, meta)));
   std::string picture = Le(1, 2) + MetaRecord("WM/Picture", 1, std::string("\x03\x04\0\0\0", 5) + Utf16("a") + Utf16(""));
   files->push_back(WmaWith(dir, plain, "library-picture.wma", -1, AsfObject(kMetadataLibrary, picture)));
+  std::string extension = std::string("\xB5\x03\xBF\x5F\x2E\xA9\xCF\x11\x8E\xE3\x00\xC0\x0C\x20\x53\x65", 16) +
+                          Le(0x8000000000000030, 8) + std::string(16, '\0') + Le(6, 2) + Le(0, 4);
+  files->push_back(WmaWith(dir, plain, "extension-size-past-2-63.wma", -1, extension));  // fails to open
   files->push_back(WmaWith(dir, plain, "truncated-header.wma", -1, "", 200));
   size_t header = ReadBytes(plain).find(std::string("\x36\x26\xB2\x75\x8E\x66\xCF\x11", 8), 30);
   files->push_back(WmaWith(dir, plain, "truncated-data-header.wma", -1, "", header + 40));
@@ -655,7 +658,8 @@ TEST(ProbeTuning, SameStoredValuesAsTheUntunedProbe) {
   for (const char* name : {"misc-audio/lossless.wma", "video/matrix_ping_pong.wmv", "video/fixture.asf",
                            "video/fixture.wmv.asf", "v/wmv2.wmv", "v/wmv1.asf", "v/msmpeg4.asf", "wma/cover.wma",
                            "wma/two-audio.wma", "wma/library-picture.wma", "wma/truncated-header.wma",
-                           "wma/truncated-data-header.wma", "wma/cut-short.wma"})
+                           "wma/truncated-data-header.wma", "wma/cut-short.wma",
+                           "wma/extension-size-past-2-63.wma"})
     EXPECT_EQ(served.count(name), 0u) << name << " did not go to the probe";
   if (HaveFfmpeg()) {
     for (const char* name : {"a/v2.wma", "a/v1.wma", "long/wmav2.wma", "wma/v1-mono-8k.wma", "wma/v1-22k.wma",

@@ -356,11 +356,12 @@ bool WalkHeader(Cursor* c, Walk* w, int64_t length) {
     c->Skip(16);
     const uint64_t gsize = c->U64();
     if (c->spent || w->refused || refused) return false;
+    // The size is signed to the demuxer: past 2^63 it is below 24 and opening fails.
     if (data) {
       // The data object's header must be there too, or opening fails.
       return gpos + kDataHeader <= static_cast<uint64_t>(length) && c->Has(kDataHeader - 24);
     }
-    if (gsize < 24) return false;
+    if (static_cast<int64_t>(gsize) < 24) return false;
     if (file) {
       ReadFileProperties(c, w);
     } else if (stream) {
