@@ -19,10 +19,11 @@
 
 namespace {
 
-// What the first read takes; a header object that says it is longer is
-// read whole in one more read, up to kHeadLimit. Longer headers (pictures
-// of a megabyte) are left to the probe.
-constexpr size_t kHeadFirstRead = 16384;
+// What the first read takes: every other file the generic handlers see
+// pays for it. A header object that says it is longer (tags of a few KiB)
+// is read whole in one more read, up to kHeadLimit; longer headers
+// (pictures of a megabyte) are left to the probe.
+constexpr size_t kHeadFirstRead = 4096;
 constexpr size_t kHeadLimit = size_t{1} << 20;
 // More tags than this are left to the probe: its dictionary searches every
 // one for every new one.
