@@ -361,7 +361,7 @@ void MakeProgramStreams(const TempDir& dir, std::vector<std::string>* files) {
 // ASF header pieces for crafted WMA files: little-endian numbers, NUL-ended UTF-16 text, objects.
 std::string Le(uint64_t v, int bytes) {
   std::string out;
-  for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(v >> (8 * i)));
+  for (int i = 0; i < bytes; ++i) out.push_back(i < 8 ? static_cast<char>(v >> (8 * i)) : '\0');
   return out;
 }
 std::string Utf16(const std::string& ascii) {
