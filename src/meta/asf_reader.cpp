@@ -84,15 +84,21 @@ struct Cursor {
     spent = true;
     return false;
   }
-  uint32_t U8() { return Has(1) ? data[at++] : 0; }
   uint32_t U16() {
     if (!Has(2)) return 0;
     uint32_t v = data[at] | uint32_t{data[at + 1]} << 8;
     at += 2;
     return v;
   }
-  uint32_t U32() { return U16() | U16() << 16; }
-  uint64_t U64() { return U32() | uint64_t{U32()} << 32; }
+  // The low half is read first: the operands of | have no order of their own.
+  uint32_t U32() {
+    uint32_t low = U16();
+    return low | U16() << 16;
+  }
+  uint64_t U64() {
+    uint64_t low = U32();
+    return low | uint64_t{U32()} << 32;
+  }
   bool IsGuid(const Guid& g) { return Has(16) && memcmp(data + at, g, 16) == 0; }
   void Skip(uint64_t n) {
     if (Has(n)) at += n;
