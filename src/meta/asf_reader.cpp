@@ -13,6 +13,7 @@
 #include <memory>
 #include <string_view>
 
+#include "meta/byte_reader.h"
 #include "meta/metamedia.h"
 #include "platform/read_advice.h"
 #include "platform/text_encoding.h"
@@ -418,20 +419,6 @@ std::vector<AsfTag> RenamedTags(std::vector<AsfTag> dict) {
   return renamed;
 }
 
-bool ReadAt(int fd, uint8_t* out, size_t count, int64_t at) {
-  size_t done = 0;
-  // Bounded: every pass reads at least a byte or ends.
-  while (done < count) {
-    ssize_t n = pread(fd, out + done, count - done, static_cast<off_t>(at + static_cast<int64_t>(done)));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool NotEmpty(const char* s) { return s != nullptr && s[0] != '\0'; }
-
 // Into the record as the probe copies a file with one audio stream.
 void Store(const AsfValues& values, MediaInfo* info) {
   ContainerTags tags = ContainerTagsFrom([&values](const char* key) -> const char* {
@@ -439,18 +426,8 @@ void Store(const AsfValues& values, MediaInfo* info) {
       if (SameKey(t.key, key)) return t.value.c_str();
     return nullptr;
   });
-  info->video_bitrate = static_cast<int32_t>(values.bit_rate);
-  info->duration = static_cast<float>(values.duration / 1000000);
-  if (NotEmpty(tags.genre)) orvo::CopyTextField(info->genre, sizeof info->genre, tags.genre);
-  if (NotEmpty(tags.artist)) orvo::CopyTextField(info->artist, sizeof info->artist, tags.artist);
-  if (NotEmpty(tags.title)) orvo::CopyTextField(info->title, sizeof info->title, tags.title);
-  int year = tags.date != nullptr ? atoi(tags.date) : 0;
-  if (year != 0) snprintf(info->year, sizeof info->year, "%d", year);
-  info->track = ContainerTrack(tags);
-  info->channels = values.channels;
-  info->frequency = values.sample_rate;
-  if (values.audio_bit_rate != 0) info->bitrate = static_cast<int32_t>(values.audio_bit_rate);
-  if (NotEmpty(tags.album)) orvo::CopyTextField(info->album, sizeof info->album, tags.album);
+  StoreOneAudioStream(tags, values.bit_rate, values.duration, values.sample_rate, values.channels,
+                      values.audio_bit_rate, info);
 }
 
 // The header object's size as it declares it, for the second read.
@@ -489,14 +466,14 @@ bool ReadAsfValues(int fd, int64_t length, MediaInfo* info) {
   size_t want = static_cast<size_t>(std::min<int64_t>(length, kHeadFirstRead));
   auto head = std::make_unique_for_overwrite<uint8_t[]>(want);
   // Any other file the generic handlers see costs this one read.
-  if (!ReadAt(fd, head.get(), want, 0) || memcmp(head.get(), kHeader, 16) != 0) return false;
+  if (!ReadFullyAt(fd, head.get(), want, 0) || memcmp(head.get(), kHeader, 16) != 0) return false;
   const uint64_t declared = DeclaredHeaderSize(head.get());
   if (declared + kDataHeader > want && want < static_cast<uint64_t>(length)) {
     if (declared > kHeadLimit) return false;
     size_t longer = static_cast<size_t>(std::min<uint64_t>(static_cast<uint64_t>(length), declared + kDataHeader));
     auto whole = std::make_unique_for_overwrite<uint8_t[]>(longer);
     memcpy(whole.get(), head.get(), want);
-    if (!ReadAt(fd, whole.get() + want, longer - want, static_cast<int64_t>(want))) return false;
+    if (!ReadFullyAt(fd, whole.get() + want, longer - want, static_cast<int64_t>(want))) return false;
     head = std::move(whole);
     want = longer;
   }

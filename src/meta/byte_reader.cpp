@@ -109,3 +109,16 @@ uint32_t ReadPlain32(ByteReader* reader, int64_t offset) {
   return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
          static_cast<uint32_t>(b[2]) << 8 | b[3];
 }
+
+bool ReadFullyAt(int fd, void* out, size_t count, int64_t at) {
+  auto* bytes = static_cast<unsigned char*>(out);
+  size_t done = 0;
+  // Bounded: every pass reads at least a byte or ends.
+  while (done < count) {
+    ssize_t n = pread(fd, bytes + done, count - done, static_cast<off_t>(at + static_cast<int64_t>(done)));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}

@@ -86,3 +86,7 @@ int64_t ReadSyncsafe32(ByteReader* reader, int64_t offset);
 // bytes that could not be read count as 0 (so 0 when nothing is read), and
 // 17 when `offset` cannot be positioned.
 uint32_t ReadPlain32(ByteReader* reader, int64_t offset);
+
+// Reads `count` bytes at `at` of the descriptor into `out`, however many
+// reads that takes: false when the file ends first or a read fails.
+bool ReadFullyAt(int fd, void* out, size_t count, int64_t at);

@@ -228,17 +228,9 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
   }
 
   ContainerTags tags = GetContainerTags(ctx.get());
-  info->video_bitrate = static_cast<int32_t>(ctx->bit_rate);
   // An unknown duration (AV_NOPTS_VALUE) would come out hugely negative and be
   // cleared by MediaInfoValid; store the 0 it ends as straight away.
-  int64_t seconds = ctx->duration == AV_NOPTS_VALUE ? 0 : ctx->duration / 1000000;
-  info->duration = static_cast<float>(seconds);
-  if (NotEmpty(tags.genre)) Copy(info->genre, sizeof info->genre, tags.genre);
-  if (NotEmpty(tags.artist)) Copy(info->artist, sizeof info->artist, tags.artist);
-  if (NotEmpty(tags.title)) Copy(info->title, sizeof info->title, tags.title);
-  int year = tags.date != nullptr ? atoi(tags.date) : 0;
-  if (year != 0) snprintf(info->year, sizeof info->year, "%d", year);
-  info->track = ContainerTrack(tags);
+  StoreContainerValues(tags, ctx->bit_rate, ctx->duration == AV_NOPTS_VALUE ? 0 : ctx->duration, info);
 
   bool audio_seen = false;
   bool video_seen = false;
@@ -278,6 +270,26 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
 }
 
 }  // namespace
+
+void StoreContainerValues(const ContainerTags& tags, int64_t bit_rate, int64_t duration_us, MediaInfo* info) {
+  info->video_bitrate = static_cast<int32_t>(bit_rate);
+  info->duration = static_cast<float>(duration_us / 1000000);
+  if (NotEmpty(tags.genre)) Copy(info->genre, sizeof info->genre, tags.genre);
+  if (NotEmpty(tags.artist)) Copy(info->artist, sizeof info->artist, tags.artist);
+  if (NotEmpty(tags.title)) Copy(info->title, sizeof info->title, tags.title);
+  int year = tags.date != nullptr ? atoi(tags.date) : 0;
+  if (year != 0) snprintf(info->year, sizeof info->year, "%d", year);
+  info->track = ContainerTrack(tags);
+}
+
+void StoreOneAudioStream(const ContainerTags& tags, int64_t bit_rate, int64_t duration_us, int32_t sample_rate,
+                         int32_t channels, int64_t audio_bit_rate, MediaInfo* info) {
+  StoreContainerValues(tags, bit_rate, duration_us, info);
+  info->channels = channels;
+  if (sample_rate != 0) info->frequency = sample_rate;
+  if (audio_bit_rate != 0) info->bitrate = static_cast<int32_t>(audio_bit_rate);
+  if (NotEmpty(tags.album)) Copy(info->album, sizeof info->album, tags.album);
+}
 
 int ContainerTrack(const ContainerTags& tags) {
   if (tags.track == nullptr) return 0;

@@ -118,6 +118,17 @@ ContainerTags ContainerTagsFrom(Lookup tag) {
   return t;
 }
 
+// The container's share of the record as the probe stores it: the bit rate,
+// the duration (`duration_us`, microseconds) in whole seconds and the tags
+// but the album, which only a file without pictures takes.
+void StoreContainerValues(const ContainerTags& tags, int64_t bit_rate, int64_t duration_us, MediaInfo* info);
+
+// What the probe stores of a file whose one stream is audio, for the readers
+// of our own that work out the same values (meta/ogg_reader,
+// meta/asf_reader); a rate or bit rate of 0 leaves the field as it is.
+void StoreOneAudioStream(const ContainerTags& tags, int64_t bit_rate, int64_t duration_us, int32_t sample_rate,
+                         int32_t channels, int64_t audio_bit_rate, MediaInfo* info);
+
 // The track number the record takes: atoi of the track text ("3/12" is 3),
 // plus one for a number counted from 0; 0 when there is none.
 int ContainerTrack(const ContainerTags& tags);

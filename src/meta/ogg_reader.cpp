@@ -16,6 +16,7 @@
 #include <immintrin.h>
 #endif
 
+#include "meta/byte_reader.h"
 #include "meta/metamedia.h"
 #include "platform/read_advice.h"
 #include "platform/text_encoding.h"
@@ -520,20 +521,6 @@ Outcome WorkOut(const uint8_t* head_data, size_t head_size, const uint8_t* tail,
   return Outcome::kValues;
 }
 
-bool ReadAt(int fd, uint8_t* out, size_t count, int64_t at) {
-  size_t done = 0;
-  // Bounded: every pass reads at least a byte or ends.
-  while (done < count) {
-    ssize_t n = pread(fd, out + done, count - done, static_cast<off_t>(at + static_cast<int64_t>(done)));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool NotEmpty(const char* s) { return s != nullptr && s[0] != '\0'; }
-
 // Into the record as the probe copies a file with one audio stream.
 void Store(const OggValues& values, MediaInfo* info) {
   ContainerTags tags = ContainerTagsFrom([&values](const char* key) -> const char* {
@@ -541,18 +528,8 @@ void Store(const OggValues& values, MediaInfo* info) {
       if (SameKey(t.key, key)) return t.value.c_str();
     return nullptr;
   });
-  info->video_bitrate = static_cast<int32_t>(values.bit_rate);
-  info->duration = static_cast<float>(values.duration / 1000000);
-  if (NotEmpty(tags.genre)) orvo::CopyTextField(info->genre, sizeof info->genre, tags.genre);
-  if (NotEmpty(tags.artist)) orvo::CopyTextField(info->artist, sizeof info->artist, tags.artist);
-  if (NotEmpty(tags.title)) orvo::CopyTextField(info->title, sizeof info->title, tags.title);
-  int year = tags.date != nullptr ? atoi(tags.date) : 0;
-  if (year != 0) snprintf(info->year, sizeof info->year, "%d", year);
-  info->track = ContainerTrack(tags);
-  info->channels = values.channels;
-  info->frequency = values.sample_rate;
-  if (values.audio_bit_rate != 0) info->bitrate = static_cast<int32_t>(values.audio_bit_rate);
-  if (NotEmpty(tags.album)) orvo::CopyTextField(info->album, sizeof info->album, tags.album);
+  StoreOneAudioStream(tags, values.bit_rate, values.duration, values.sample_rate, values.channels,
+                      values.audio_bit_rate, info);
 }
 
 }  // namespace
@@ -575,13 +552,13 @@ bool ReadOggValues(int fd, int64_t length, MediaInfo* info) {
   size_t first = std::min(want, kHeadFirstRead);
   auto head = std::make_unique_for_overwrite<uint8_t[]>(want);
   // Any other file the generic handlers see costs this one read.
-  if (!ReadAt(fd, head.get(), first, 0) || memcmp(head.get(), "OggS", 4) != 0) return false;
+  if (!ReadFullyAt(fd, head.get(), first, 0) || memcmp(head.get(), "OggS", 4) != 0) return false;
   std::unique_ptr<uint8_t[]> tail;
   if (whole) {
-    if (!ReadAt(fd, head.get() + first, want - first, static_cast<int64_t>(first))) return false;
+    if (!ReadFullyAt(fd, head.get() + first, want - first, static_cast<int64_t>(first))) return false;
   } else {
     tail = std::make_unique_for_overwrite<uint8_t[]>(kMaxPageSize);
-    if (!ReadAt(fd, tail.get(), kMaxPageSize, tail_at)) return false;
+    if (!ReadFullyAt(fd, tail.get(), kMaxPageSize, tail_at)) return false;
   }
   OggValues values;
   // Bounded: the header read doubles up to kHeadLimit or the whole file.
@@ -591,7 +568,7 @@ bool ReadOggValues(int fd, int64_t length, MediaInfo* info) {
     if (outcome == Outcome::kRefused || want >= kHeadLimit || static_cast<int64_t>(want) >= length) return false;
     want = static_cast<size_t>(std::min<int64_t>(length, static_cast<int64_t>(std::min(want * 2, kHeadLimit))));
     head = std::make_unique_for_overwrite<uint8_t[]>(want);
-    if (!ReadAt(fd, head.get(), want, 0)) return false;
+    if (!ReadFullyAt(fd, head.get(), want, 0)) return false;
   }
   Store(values, info);
   return true;
