@@ -18,6 +18,7 @@
 
 #include "meta/byte_reader.h"
 #include "meta/metamedia.h"
+#include "platform/fd_owner.h"
 #include "platform/read_advice.h"
 #include "platform/text_encoding.h"
 
@@ -575,12 +576,10 @@ bool ReadOggValues(int fd, int64_t length, MediaInfo* info) {
 }
 
 bool ReadOggValues(const char* path, MediaInfo* info) {
-  int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) return false;
+  FdOwner fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (fd.get() < 0) return false;
   struct stat st;
   // As the probe's caller advises its descriptor: a few reads at known places.
-  AdviseFewReads(fd);
-  bool read = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && ReadOggValues(fd, st.st_size, info);
-  close(fd);
-  return read;
+  AdviseFewReads(fd.get());
+  return fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) && ReadOggValues(fd.get(), st.st_size, info);
 }
