@@ -21,8 +21,7 @@
 
 namespace {
 
-// What the first read takes: every other file the generic handlers see
-// pays for it. A header object that says it is longer (tags of a few KiB)
+// What the first read takes. A header object that says it is longer (tags of a few KiB)
 // is read whole in one more read, up to kHeadLimit; longer headers
 // (pictures of a megabyte) are left to the probe.
 constexpr size_t kHeadFirstRead = 4096;
@@ -441,7 +440,7 @@ uint64_t DeclaredHeaderSize(const uint8_t* data) {
 }  // namespace
 
 bool ReadAsfMemory(const uint8_t* data, size_t size, int64_t length, AsfValues* values) {
-  if (size < 30 || length < static_cast<int64_t>(size) || memcmp(data, kHeader, 16) != 0) return false;
+  if (size < 30 || length < static_cast<int64_t>(size) || !StartsWithAsfHeader(data, size)) return false;
   Cursor c{data, size};
   Walk w;
   if (!WalkHeader(&c, &w, length) || w.streams != 1 || !w.has_duration) return false;
@@ -462,12 +461,15 @@ bool ReadAsfMemory(const uint8_t* data, size_t size, int64_t length, AsfValues* 
   return true;
 }
 
+bool StartsWithAsfHeader(const uint8_t* head, size_t size) {
+  return size >= sizeof kHeader && memcmp(head, kHeader, sizeof kHeader) == 0;
+}
+
 bool ReadAsfValues(int fd, int64_t length, MediaInfo* info) {
   if (length < 30) return false;
   size_t want = static_cast<size_t>(std::min<int64_t>(length, kHeadFirstRead));
   auto head = std::make_unique_for_overwrite<uint8_t[]>(want);
-  // Any other file the generic handlers see costs this one read.
-  if (!ReadFullyAt(fd, head.get(), want, 0) || memcmp(head.get(), kHeader, 16) != 0) return false;
+  if (!ReadFullyAt(fd, head.get(), want, 0) || !StartsWithAsfHeader(head.get(), want)) return false;
   const uint64_t declared = DeclaredHeaderSize(head.get());
   if (declared + kDataHeader > want && want < static_cast<uint64_t>(length)) {
     if (declared > kHeadLimit) return false;

@@ -40,7 +40,12 @@ bool ReadAsfMemory(const uint8_t* data, size_t size, int64_t length, AsfValues* 
 // channels, title, artist, album, year, genre, track) and returns true; or
 // returns false having changed nothing. `fd` is the open regular file,
 // `length` its size; it is read by position only. Any file costs one read
-// of up to 4 KiB; a longer header one more read, up to 1 MiB.
+// of up to 4 KiB (see StartsWithAsfHeader); a longer header one more read,
+// up to 1 MiB.
 bool ReadAsfValues(int fd, int64_t length, MediaInfo* info);
+
+// True when the first `size` bytes of a file start as an ASF file's do, with
+// the header object's GUID: the only files ReadAsfValues may vouch for.
+bool StartsWithAsfHeader(const uint8_t* head, size_t size);
 // The same for a file named by its path (tests and benchmarks).
 bool ReadAsfValues(const char* path, MediaInfo* info);

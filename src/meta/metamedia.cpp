@@ -18,6 +18,7 @@ extern "C" {
 }
 
 #include "meta/asf_reader.h"
+#include "meta/byte_reader.h"
 #include "meta/descriptor_input.h"
 #include "meta/mp4_video.h"
 #include "meta/ogg_reader.h"
@@ -320,6 +321,17 @@ int ProbeDescriptor(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
 
 namespace {
 
+// Ogg and WMA files our readers can vouch for. One look at the first bytes
+// says which reader may know the file, so every other file reaches the probe
+// without either reader's head read (16 and 4 KiB).
+bool ReadByOwnAudioReader(int fd, int64_t length, MediaInfo* info) {
+  uint8_t head[16];
+  if (!ReadFullyAt(fd, head, sizeof head, 0)) return false;
+  if (StartsWithOggPage(head, sizeof head)) return ReadOggValues(fd, length, info);
+  if (StartsWithAsfHeader(head, sizeof head)) return ReadAsfValues(fd, length, info);
+  return false;
+}
+
 // Opens the file for the probe helper. Non-blocking, so that a FIFO put in
 // place of the file cannot hold the run; anything but a regular file (a FIFO,
 // a device, a folder) is refused here, unread.
@@ -337,8 +349,8 @@ int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
   // MP4 and QuickTime video our box reader can vouch for, Ogg Vorbis and
   // Opus our page reader can, and WMA our header reader can, never reach the
   // probe.
-  if (mode == ProbeMode::kTuned && (ReadMp4VideoValues(fd, path, st.st_size, info) ||
-                                    ReadOggValues(fd, st.st_size, info) || ReadAsfValues(fd, st.st_size, info))) {
+  if (mode == ProbeMode::kTuned &&
+      (ReadMp4VideoValues(fd, path, st.st_size, info) || ReadByOwnAudioReader(fd, st.st_size, info))) {
     close(fd);
     return 0;
   }

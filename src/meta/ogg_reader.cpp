@@ -544,6 +544,8 @@ bool ReadOggMemory(const uint8_t* data, size_t size, OggValues* values) {
   return true;
 }
 
+bool StartsWithOggPage(const uint8_t* head, size_t size) { return size >= 4 && memcmp(head, "OggS", 4) == 0; }
+
 bool ReadOggValues(int fd, int64_t length, MediaInfo* info) {
   if (length < 27) return false;
   int64_t tail_at = length > kMaxPageSize ? length - kMaxPageSize : 0;
@@ -552,8 +554,7 @@ bool ReadOggValues(int fd, int64_t length, MediaInfo* info) {
   size_t want = whole ? static_cast<size_t>(length) : kHeadFirstRead;
   size_t first = std::min(want, kHeadFirstRead);
   auto head = std::make_unique_for_overwrite<uint8_t[]>(want);
-  // Any other file the generic handlers see costs this one read.
-  if (!ReadFullyAt(fd, head.get(), first, 0) || memcmp(head.get(), "OggS", 4) != 0) return false;
+  if (!ReadFullyAt(fd, head.get(), first, 0) || !StartsWithOggPage(head.get(), first)) return false;
   std::unique_ptr<uint8_t[]> tail;
   if (whole) {
     if (!ReadFullyAt(fd, head.get() + first, want - first, static_cast<int64_t>(first))) return false;

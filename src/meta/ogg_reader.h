@@ -41,7 +41,11 @@ bool ReadOggMemory(const uint8_t* data, size_t size, OggValues* values);
 // channels, title, artist, album, year, genre, track) and returns true; or
 // returns false having changed nothing. `fd` is the open regular file,
 // `length` its size; it is read by position only. Any file that does not
-// start with a page costs one read of 16 KiB.
+// start with a page costs one read of 16 KiB (see StartsWithOggPage).
 bool ReadOggValues(int fd, int64_t length, MediaInfo* info);
+
+// True when the first `size` bytes of a file start as an Ogg file's do, with
+// a page: the only files ReadOggValues may vouch for.
+bool StartsWithOggPage(const uint8_t* head, size_t size);
 // The same for a file named by its path (tests and benchmarks).
 bool ReadOggValues(const char* path, MediaInfo* info);
