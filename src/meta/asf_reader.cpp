@@ -1,7 +1,5 @@
 #include "meta/asf_reader.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,8 +13,6 @@
 
 #include "meta/byte_reader.h"
 #include "meta/metamedia.h"
-#include "platform/fd_owner.h"
-#include "platform/read_advice.h"
 #include "platform/text_encoding.h"
 
 namespace {
@@ -487,10 +483,5 @@ bool ReadAsfValues(int fd, int64_t length, MediaInfo* info) {
 }
 
 bool ReadAsfValues(const char* path, MediaInfo* info) {
-  FdOwner fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (fd.get() < 0) return false;
-  struct stat st;
-  // As the probe's caller advises its descriptor: a few reads at known places.
-  AdviseFewReads(fd.get());
-  return fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) && ReadAsfValues(fd.get(), st.st_size, info);
+  return ReadOpenedAsProbe(path, [](int fd, int64_t length, MediaInfo* out) { return ReadAsfValues(fd, length, out); }, info);
 }

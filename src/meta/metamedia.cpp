@@ -24,6 +24,7 @@ extern "C" {
 #include "meta/ogg_reader.h"
 #include "meta/probe_helper.h"
 #include "meta/probe_tuning.h"
+#include "platform/fd_owner.h"
 #include "platform/log.h"
 #include "platform/read_advice.h"
 #include "platform/text_encoding.h"
@@ -271,6 +272,14 @@ int ProbeStreams(int fd, const char* path, MediaInfo* info, ProbeMode mode) {
 }
 
 }  // namespace
+
+bool ReadOpenedAsProbe(const char* path, bool (*read)(int fd, int64_t length, MediaInfo* info), MediaInfo* info) {
+  FdOwner fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat st;
+  if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  AdviseFewReads(fd.get());
+  return read(fd.get(), st.st_size, info);
+}
 
 void StoreContainerValues(const ContainerTags& tags, int64_t bit_rate, int64_t duration_us, MediaInfo* info) {
   info->video_bitrate = static_cast<int32_t>(bit_rate);

@@ -118,6 +118,12 @@ ContainerTags ContainerTagsFrom(Lookup tag) {
   return t;
 }
 
+// Opens the regular file `path` as ProbeFile opens the probe's descriptor
+// and hands the descriptor and the file's size to `read`: the by-name entry
+// point of a reader ProbeFile calls (tests and benchmarks). False when the
+// file cannot be opened or is not a regular file.
+bool ReadOpenedAsProbe(const char* path, bool (*read)(int fd, int64_t length, MediaInfo* info), MediaInfo* info);
+
 // The container's share of the record as the probe stores it: the bit rate,
 // the duration (`duration_us`, microseconds) in whole seconds and the tags
 // but the album, which only a file without pictures takes.

@@ -1,7 +1,5 @@
 #include "meta/ogg_reader.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,8 +16,6 @@
 
 #include "meta/byte_reader.h"
 #include "meta/metamedia.h"
-#include "platform/fd_owner.h"
-#include "platform/read_advice.h"
 #include "platform/text_encoding.h"
 
 namespace {
@@ -577,10 +573,5 @@ bool ReadOggValues(int fd, int64_t length, MediaInfo* info) {
 }
 
 bool ReadOggValues(const char* path, MediaInfo* info) {
-  FdOwner fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (fd.get() < 0) return false;
-  struct stat st;
-  // As the probe's caller advises its descriptor: a few reads at known places.
-  AdviseFewReads(fd.get());
-  return fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) && ReadOggValues(fd.get(), st.st_size, info);
+  return ReadOpenedAsProbe(path, [](int fd, int64_t length, MediaInfo* out) { return ReadOggValues(fd, length, out); }, info);
 }
