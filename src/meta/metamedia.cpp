@@ -345,27 +345,22 @@ bool ReadByOwnAudioReader(int fd, int64_t length, MediaInfo* info) {
 // place of the file cannot hold the run; anything but a regular file (a FIFO,
 // a device, a folder) is refused here, unread.
 int ProbeFile(const char* path, MediaInfo* info, ProbeMode mode) {
-  int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  FdOwner fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat st;
-  if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    if (fd >= 0) close(fd);
+  if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
     ORVO_LOG("%s (%d) Failed to av_open_input_file() file [%s].", path);
     return -1;
   }
   // The advice holds for the open file, so the helper's reads through this
   // descriptor read no more than libavformat asks for.
-  AdviseFewReads(fd);
+  AdviseFewReads(fd.get());
   // MP4 and QuickTime video our box reader can vouch for, Ogg Vorbis and
   // Opus our page reader can, and WMA our header reader can, never reach the
   // probe.
   if (mode == ProbeMode::kTuned &&
-      (ReadMp4VideoValues(fd, path, st.st_size, info) || ReadByOwnAudioReader(fd, st.st_size, info))) {
-    close(fd);
+      (ReadMp4VideoValues(fd.get(), path, st.st_size, info) || ReadByOwnAudioReader(fd.get(), st.st_size, info)))
     return 0;
-  }
-  int result = ProbeInHelper(fd, path, info, mode);
-  close(fd);
-  return result;
+  return ProbeInHelper(fd.get(), path, info, mode);
 }
 
 }  // namespace
